@@ -1,0 +1,64 @@
+// Client side of the HAL proxy: the four route operations the route manager
+// needs, as synchronous requests.
+#pragma once
+
+#include <string>
+
+#include "kest/service_client.h"
+
+namespace hal {
+
+// Callback target of a HAL client. The HAL client reports its connections
+// by posting "HAL::ON-CONNECT" to the service, so nothing is declared here.
+class IHalClient {
+ protected:
+  ~IHalClient() = default;
+};
+
+// The HAL's route operations in domain terms. The real client sends them to
+// the HAL proxy; a redirect (tests, dry runs) sends them elsewhere.
+class IHalApi {
+ public:
+  virtual int ConfigureIPGateway(std::string const& network, std::string const& netmask,
+                                 std::string const& gateway, std::string const& source,
+                                 std::string const& ifname, unsigned int const& metric,
+                                 bool const& gwAvailable) = 0;
+  virtual int RemoveIPGateway(std::string const& network, std::string const& netmask,
+                              std::string const& gateway, bool const& gwAvailable) = 0;
+  virtual int ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) = 0;
+  virtual int RemoveIPDefaultGateway(std::string const& gateway) = 0;
+
+ protected:
+  ~IHalApi() = default;
+};
+
+class cHalClient : public kest::cServiceClient, public IHalApi {
+ public:
+  cHalClient(kest::cService* service, IHalClient* callback, unsigned timeoutMs,
+             std::string accessPoint);
+  ~cHalClient() override;
+
+  int ConfigureIPGateway(std::string const& network, std::string const& netmask,
+                         std::string const& gateway, std::string const& source,
+                         std::string const& ifname, unsigned int const& metric,
+                         bool const& gwAvailable) override;
+  int RemoveIPGateway(std::string const& network, std::string const& netmask,
+                      std::string const& gateway, bool const& gwAvailable) override;
+  int ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) override;
+  int RemoveIPDefaultGateway(std::string const& gateway) override;
+
+  // Every operation goes to api instead of the HAL proxy; nullptr restores.
+  void Redirect(IHalApi* api) { m_redirect = api; }
+
+ protected:
+  void OnConnected() override;  // posts "HAL::ON-CONNECT" to the service
+
+ private:
+  IHalClient* m_callback;
+  IHalApi* m_redirect = nullptr;
+};
+
+bool halInit();
+void halDeinit();
+
+}  // namespace hal

@@ -1,0 +1,62 @@
+// A listener that accepts framed connections and hands their frames to a
+// handler in the loop.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "kest/channel.h"
+
+namespace kest {
+
+class cService;
+
+class IServerHandler {
+ public:
+  virtual void OnOpen(cChannel* channel) = 0;
+  virtual void OnFrame(cChannel* channel, cFrame& frame) = 0;
+  virtual void OnClose(cChannel* channel) = 0;  // every opened channel gets exactly one
+
+ protected:
+  ~IServerHandler() = default;
+};
+
+struct cServerLimits {
+  std::size_t maxConnections = 64;                   // the next one is refused with a trace
+  std::size_t sendLimit = cChannel::kDefaultSendLimit;
+  unsigned socketMode = 0660;                        // Unix sockets only
+  std::string socketGroup;                           // Unix sockets only; empty = keep
+  std::set<unsigned> allowUids, allowGids;           // Unix sockets only; both empty = anyone
+};
+
+class cServer : private IChannelHandler {
+ public:
+  cServer(cService* service, IServerHandler* handler, std::string traceModule);
+  ~cServer();
+
+  bool Listen(std::string const& accessPoint, std::string& error);
+  void Close();  // closes the listener and every channel (handlers hear OnClose)
+  bool Listening() const { return m_listenFd >= 0; }
+  std::uint16_t BoundPort() const;  // the real port when listening on port 0
+  void SetLimits(cServerLimits const& limits) { m_limits = limits; }
+  std::size_t Connections() const { return m_channels.size(); }
+  // Reply to a request frame.
+  bool Reply(cChannel* channel, std::uint32_t id, std::uint16_t op, cSerializeBuffer const& body);
+
+ private:
+  void OnChannelClosed(cChannel* channel, std::string const& reason) override;
+  void OnFrame(cChannel* channel, cFrame& frame) override;
+  void Accept();
+
+  cService* m_service;
+  IServerHandler* m_handler;
+  std::string m_module;
+  cServerLimits m_limits;
+  int m_listenFd = -1;
+  std::string m_unixPath;
+  std::map<cChannel*, std::unique_ptr<cChannel>> m_channels;
+};
+
+}  // namespace kest

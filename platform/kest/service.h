@@ -1,0 +1,76 @@
+// Services: a message sink that runs the process's loop, and the managed
+// service that reports to the service control manager (the init system).
+#pragma once
+
+#include <string>
+
+#include "kest/loop.h"
+#include "kest/message.h"
+
+namespace kest {
+
+class cService : public cMessageSink {
+ public:
+  cService();
+  ~cService() override;
+
+  virtual void Run();  // default: ProcessMessages()
+  virtual bool Init(std::string const& name, unsigned int number);
+  virtual void DeInit();
+  virtual void OnMsg(cMsg& msg);  // default: ProcessMsg
+
+  using cMessageSink::Init;
+  void ProcessMsg(cMsg& msg) override;
+
+  // Runs the loop on the calling thread until it is ended (Quit, SIGTERM,
+  // SIGINT). The message map is filled before the first message.
+  void ProcessMessages();
+  cEventLoop& Loop() const { return kest::Loop(); }
+  unsigned int Number() const { return m_number; }
+
+ protected:
+  // Called once on entering ProcessMessages, after the map is filled.
+  virtual void OnLoopStart() {}
+
+ private:
+  unsigned int m_number = 0;
+};
+
+// A service under a service control manager. On Linux that manager is the
+// init system: with NOTIFY_SOCKET set, readiness, status and watchdog pings
+// go there as sd_notify datagrams; without it the service runs standalone.
+// Either way OnScmConnected is the first event of the loop.
+class cScmService : public cService {
+ public:
+  cScmService();
+  ~cScmService() override;
+
+  bool Init(std::string const& name, unsigned int number) override;
+  void DeInit() override;
+  virtual void PreDispatchMessage(cMsg& msg);
+  virtual bool OnScmConnected() { return SetServiceStatusRunning(); }
+  virtual bool OnAliveCheck() { return SetServiceAlive(); }
+  virtual void OnSystemStatus(std::string const& status);
+  virtual void OnScmNotification() {}
+
+  void ProcessMsg(cMsg& msg) override;
+
+  bool SetServiceStatusRunning();  // READY=1 + STATUS=
+  bool SetServiceAlive();          // WATCHDOG=1
+  bool SetServiceStatusStopping(); // STOPPING=1
+  bool ScmAttached() const { return m_notifyFd >= 0; }
+
+ protected:
+  void OnLoopStart() override;
+
+ private:
+  bool Notify(std::string const& text);
+  void ScheduleAliveCheck();
+
+  int m_notifyFd = -1;
+  std::string m_notifyPath;
+  std::uint64_t m_watchdogMs = 0;  // half of WATCHDOG_USEC, 0 = none
+  cEventLoop::TimerId m_aliveTimer = 0;
+};
+
+}  // namespace kest

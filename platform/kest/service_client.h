@@ -1,0 +1,98 @@
+// A client of another service: connects without blocking the loop,
+// reconnects with backoff, and makes synchronous requests with a timeout.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kest/channel.h"
+#include "kest/loop.h"
+
+namespace kest {
+
+class cService;
+class cServiceClientWatcher;
+
+// Failure codes of a service client itself. Negative and far from -errno
+// values, which peers use for their own failures.
+namespace clienterr {
+constexpr int kNotConnected = -1001;
+constexpr int kTimeout = -1002;
+constexpr int kProtocol = -1003;
+constexpr int kConnectionLost = -1004;
+char const* Name(int code);  // "not connected", ... ; nullptr for other codes
+}  // namespace clienterr
+
+class cServiceClient : private IChannelHandler {
+ public:
+  // Reconnect backoff: 100 ms doubling to 5 s.
+  static constexpr unsigned kBackoffFirstMs = 100;
+  static constexpr unsigned kBackoffMaxMs = 5000;
+
+  cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint);
+  virtual ~cServiceClient();
+  cServiceClient(const cServiceClient&) = delete;
+  cServiceClient& operator=(const cServiceClient&) = delete;
+
+  virtual bool Start();
+  virtual void Stop();
+  bool IsConnected() const;
+  std::string const& AccessPoint() const { return m_accessPoint; }
+  cService* Service() const { return m_service; }
+
+  // Sends a request and waits (polling only this connection) for its reply
+  // at most the timeout. Returns 0 with the reply body, or a clienterr code.
+  // Events that arrive meanwhile are kept and dispatched from the loop later.
+  int Request(std::uint16_t op, cSerializeBuffer const& body, cSerializeBuffer& reply);
+  bool SendEvent(std::uint16_t op, cSerializeBuffer const& body);
+
+  void AddWatcher(cServiceClientWatcher* watcher);
+  void RemoveWatcher(cServiceClientWatcher* watcher);
+
+ protected:
+  virtual void OnConnected() {}
+  virtual void OnDisconnected() {}
+  virtual void OnEvent(cFrame& frame) { (void)frame; }
+
+ private:
+  void OnFrame(cChannel* channel, cFrame& frame) override;
+  void OnChannelClosed(cChannel* channel, std::string const& reason) override;
+  void TryConnect();
+  void OnConnectResult(std::uint32_t events);
+  void ScheduleReconnect();
+
+  cService* m_service;
+  unsigned m_timeoutMs;
+  std::string m_accessPoint;
+  bool m_started = false;
+  int m_connectingFd = -1;
+  std::unique_ptr<cChannel> m_channel;
+  unsigned m_backoffMs = kBackoffFirstMs;
+  cEventLoop::TimerId m_retryTimer = 0;
+  std::uint32_t m_nextId = 1;
+  std::vector<cServiceClientWatcher*> m_watchers;
+};
+
+// Posts its message once every added client is reported connected, and again
+// after a client that was lost has been reported connected once more.
+class cServiceClientWatcher {
+ public:
+  cServiceClientWatcher(cMessageSink* sink, std::string message);
+  ~cServiceClientWatcher();
+  bool Add(cServiceClient* client);
+  bool OnConnect(cServiceClient* client);
+  void OnDisconnect(cServiceClient* client);  // called by the client itself
+
+ private:
+  cMessageSink* m_sink;
+  std::string m_message;
+  struct Watched {
+    cServiceClient* client;
+    bool up;
+  };
+  std::vector<Watched> m_clients;
+};
+
+}  // namespace kest

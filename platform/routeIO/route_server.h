@@ -1,0 +1,64 @@
+// Server side of the route service: route clients connect, announce
+// gateways and set custom routes; each command reaches the service as one
+// callback in its loop.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "kest/server.h"
+#include "kest/types.h"
+
+namespace routeIO {
+
+class cRouteServer;
+
+struct routeResult {
+  bool success;
+  std::int32_t rc;
+};
+
+// No virtual destructor: the service implementing it is never deleted through it.
+class IRouteServer {
+ public:
+  virtual void OnClientConnected(cRouteServer* server, kest::cChannel* client) = 0;
+  virtual void OnClientClosed(cRouteServer* server, kest::cChannel* client) = 0;
+  virtual routeResult SetGateway(kest::s_socket_addr const& address, std::string const& tag,
+                                 std::string const& ifname, std::uint32_t type,
+                                 std::uint32_t priority) = 0;
+  virtual routeResult SetRoute(kest::cChannel* client, kest::s_socket_addr const& network,
+                               kest::s_socket_addr const& netmask,
+                               kest::s_socket_addr const& gateway,
+                               kest::s_socket_addr const& source, std::string const& ifname,
+                               std::string const& tag, std::uint32_t priority) = 0;
+  virtual routeResult DelGateway(std::string const& tag) = 0;
+  virtual routeResult DelRoute(kest::cChannel* client, std::string const& tag) = 0;
+
+ protected:
+  ~IRouteServer() = default;
+};
+
+class cRouteServer : private kest::IServerHandler {
+ public:
+  // Listens on the property "system.routeMgrSap" (default "127.0.0.1:3712")
+  // once ready; clients are accepted only after SetReady().
+  cRouteServer(kest::cService* service, IRouteServer* callback);
+  ~cRouteServer();
+  bool SetReady();  // again: harmless
+  bool IsReady() const { return m_server.Listening(); }
+  std::uint16_t BoundPort() const { return m_server.BoundPort(); }
+
+ private:
+  void OnOpen(kest::cChannel* channel) override;
+  void OnFrame(kest::cChannel* channel, kest::cFrame& frame) override;
+  void OnClose(kest::cChannel* channel) override;
+
+  kest::cService* m_service;
+  IRouteServer* m_callback;
+  kest::cServer m_server;
+};
+
+bool routeInit();
+void routeDeinit();
+
+}  // namespace routeIO
