@@ -40,6 +40,10 @@ class IRouteServer {
 
 class cRouteServer : private kest::IServerHandler {
  public:
+  // The route library's own setting: where route clients find the service.
+  static constexpr char const* kSapProperty = "system.routeMgrSap";
+  static constexpr char const* kDefaultSap = "127.0.0.1:3712";
+
   // Listens on the property "system.routeMgrSap" (default "127.0.0.1:3712")
   // once ready; clients are accepted only after SetReady().
   cRouteServer(kest::cService* service, IRouteServer* callback);
@@ -52,9 +56,13 @@ class cRouteServer : private kest::IServerHandler {
   void OnOpen(kest::cChannel* channel) override;
   void OnFrame(kest::cChannel* channel, kest::cFrame& frame) override;
   void OnClose(kest::cChannel* channel) override;
+  void Disconnect(kest::cChannel* channel, std::string const& why);
 
   kest::cService* m_service;
   IRouteServer* m_callback;
+  // Cleared while the server is torn down: the service that owns it is half
+  // destroyed by then and must hear nothing more.
+  bool m_deliver = true;
   kest::cServer m_server;
 };
 

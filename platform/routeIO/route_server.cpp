@@ -1,0 +1,99 @@
+#include "routeIO/route_server.h"
+
+#include <variant>
+
+#include "kest/format.h"
+#include "kest/properties.h"
+#include "kest/trace.h"
+#include "routeIO/route_protocol.h"
+
+namespace routeIO {
+
+namespace {
+
+constexpr char const* kModule = "routeIO";
+constexpr char const* kLevelError = "002";
+constexpr char const* kLevelInfo = "005";
+
+// Hands one decoded command to the service with the arguments in the order
+// of its callback.
+struct cCallbackCall {
+  IRouteServer* cb;
+  kest::cChannel* client;
+
+  routeResult operator()(cSetGatewayCmd const& c) const {
+    return cb->SetGateway(c.address, c.tag, c.ifname, c.type, c.priority);
+  }
+  routeResult operator()(cSetRouteCmd const& c) const {
+    return cb->SetRoute(client, c.network, c.netmask, c.gateway, c.source, c.ifname, c.tag,
+                        c.priority);
+  }
+  routeResult operator()(cDelGatewayCmd const& c) const { return cb->DelGateway(c.tag); }
+  routeResult operator()(cDelRouteCmd const& c) const { return cb->DelRoute(client, c.tag); }
+};
+
+}  // namespace
+
+cRouteServer::cRouteServer(kest::cService* service, IRouteServer* callback)
+    : m_service(service), m_callback(callback), m_server(service, this, kModule) {}
+
+cRouteServer::~cRouteServer() {
+  m_deliver = false;
+  m_server.Close();
+}
+
+bool cRouteServer::SetReady() {
+  if (m_server.Listening()) return true;
+  std::string const sap = kest::kestProperties().GetStringForKey(kSapProperty, kDefaultSap);
+  std::string error;
+  if (!m_server.Listen(sap, error)) {
+    KEST_TRACE(kModule, kLevelError, "route server cannot listen on %s: %s", sap.c_str(),
+               error.c_str());
+    return false;
+  }
+  KEST_TRACE(kModule, kLevelInfo, "route server listening on %s (port %u)", sap.c_str(),
+             static_cast<unsigned>(m_server.BoundPort()));
+  return true;
+}
+
+void cRouteServer::OnOpen(kest::cChannel* channel) {
+  if (m_deliver) m_callback->OnClientConnected(this, channel);
+}
+
+void cRouteServer::OnClose(kest::cChannel* channel) {
+  if (m_deliver) m_callback->OnClientClosed(this, channel);
+}
+
+void cRouteServer::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
+  if (frame.kind != kest::cFrame::kRequest) {
+    Disconnect(channel, "frame of kind " + std::to_string(frame.kind) + " instead of a request");
+    return;
+  }
+  routeCommand cmd;
+  std::string error;
+  if (!DecodeCommand(frame.op, frame.body, cmd, error)) {
+    Disconnect(channel, error);
+    return;
+  }
+  if (!m_deliver) return;
+  routeResult const result = std::visit(cCallbackCall{m_callback, channel}, cmd);
+  kest::cSerializeBuffer body;
+  EncodeResult(result, body);
+  // A client that has gone meanwhile simply gets no answer; its close is
+  // reported on its own.
+  m_server.Reply(channel, frame.id, frame.op, body);
+}
+
+void cRouteServer::Disconnect(kest::cChannel* channel, std::string const& why) {
+  KEST_TRACE(kModule, kLevelError, "route client %s: %s - disconnecting",
+             channel->PeerText().c_str(), why.c_str());
+  channel->Close("route protocol error: " + why);
+}
+
+// The library keeps no global state (sockets write with MSG_NOSIGNAL, so
+// SIGPIPE needs no handling); the pair exists so a process starts and stops
+// all its libraries the same way.
+bool routeInit() { return true; }
+void routeDeinit() {}
+
+}  // namespace routeIO
