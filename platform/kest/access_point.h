@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+struct sockaddr_storage;
+
 namespace kest {
 
 // "a.b.c.d:port" (TCP on IPv4) or "unix:/path" (stream Unix socket).
@@ -15,6 +17,9 @@ struct cAccessPoint {
   // Strict: a malformed text returns false with a reason naming it.
   static bool Parse(std::string const& text, cAccessPoint& out, std::string& error);
   std::string ToString() const;
+  bool IsLoopback() const { return kind == kTcp && (ip >> 24) == 127; }
+  // Fills a socket address for bind/connect; returns its length.
+  unsigned ToSockaddr(sockaddr_storage& out) const;
 };
 
 }  // namespace kest

@@ -11,12 +11,19 @@
 
 namespace kest {
 
+// Traces of the transport (channels, servers, service clients).
+constexpr char kTransportModule[] = "kest";
+constexpr char kTransportError[] = "002";  // a peer or connection failed; the process goes on
+constexpr char kTransportInfo[] = "004";   // listening, connected
+
 class cChannel;
 
 class IChannelHandler {
  public:
   virtual void OnFrame(cChannel* channel, cFrame& frame) = 0;
   // After this the channel is closed; it is destroyed later by its owner.
+  // Owners must not delete a channel from inside its callbacks: they post
+  // the deletion to the loop instead.
   virtual void OnChannelClosed(cChannel* channel, std::string const& reason) = 0;
 
  protected:
@@ -29,8 +36,10 @@ class cChannel {
   // before it is disconnected, so it cannot grow our memory without bound.
   static constexpr std::size_t kDefaultSendLimit = 1024 * 1024;
 
+  // Takes the connected socket (made non-blocking, TCP_NODELAY for TCP) and
+  // watches it in the process's loop.
   cChannel(int fd, s_socket_addr peer, std::string peerText, IChannelHandler* handler);
-  ~cChannel();
+  ~cChannel();  // closes silently: the handler hears nothing
   cChannel(const cChannel&) = delete;
   cChannel& operator=(const cChannel&) = delete;
 
@@ -38,12 +47,18 @@ class cChannel {
   // (for Unix sockets the peer's "uid=N pid=N").
   ISerialize const& PeerInfo() const { return m_peerInfo; }
   std::string const& PeerText() const { return m_peerText; }
+  // The text PeerInfo gives for a connected socket, and its address (TCP).
+  static std::string DescribePeer(int fd, s_socket_addr& addr);
 
   // Queues a frame; false when the channel is closed (or is closed now
-  // because the send limit is exceeded).
+  // because the send limit is exceeded) or the frame is larger than the
+  // frame limit (traced; the channel stays open). Never calls the handler
+  // except for that send-limit close.
   bool Send(cFrame const& frame);
   // Closes the socket once; the handler hears OnChannelClosed.
   void Close(std::string const& reason);
+  // Close for a fault of the peer (bad frame, send limit): traced with the peer.
+  void Abort(std::string const& reason);
   bool IsOpen() const { return m_fd >= 0; }
   int Fd() const { return m_fd; }
   void SetSendLimit(std::size_t bytes) { m_sendLimit = bytes; }
@@ -56,7 +71,8 @@ class cChannel {
  private:
   void OnEvents(std::uint32_t events);
   void ReadSome();
-  void WriteSome();
+  bool Dispatch();
+  int WriteSome();  // 0 or the errno of a failed write; never closes
   void UpdateInterest();
 
   int m_fd;
@@ -65,6 +81,7 @@ class cChannel {
     KEST_GARBAGE_COLLECTABLE
     std::string text;
     s_socket_addr addr;
+    std::string TypeName() const override { return "cPeerInfo"; }
     bool Serialize(cSerializeBuffer& b) const override { return addr.Serialize(b); }
     bool Deserialize(cSerializeBuffer& b) override { return addr.Deserialize(b); }
     std::string ToString(std::string const&) const override { return text; }

@@ -7,7 +7,9 @@
 #include <set>
 #include <string>
 
+#include "kest/access_point.h"
 #include "kest/channel.h"
+#include "kest/loop.h"
 
 namespace kest {
 
@@ -34,7 +36,10 @@ struct cServerLimits {
 class cServer : private IChannelHandler {
  public:
   cServer(cService* service, IServerHandler* handler, std::string traceModule);
+  // Closes everything without calling the handler, which may be half gone.
   ~cServer();
+  cServer(const cServer&) = delete;
+  cServer& operator=(const cServer&) = delete;
 
   bool Listen(std::string const& accessPoint, std::string& error);
   void Close();  // closes the listener and every channel (handlers hear OnClose)
@@ -49,13 +54,20 @@ class cServer : private IChannelHandler {
   void OnChannelClosed(cChannel* channel, std::string const& reason) override;
   void OnFrame(cChannel* channel, cFrame& frame) override;
   void Accept();
+  bool Admit(int fd, std::string const& peer);
+  int OpenListener(std::string& why);
+  bool PrepareUnixPath(std::string const& path, std::string& why);
+  bool SetUnixAccess(std::string const& path, std::string& why);
+  void PauseAccepting();
 
   cService* m_service;
   IServerHandler* m_handler;
   std::string m_module;
   cServerLimits m_limits;
   int m_listenFd = -1;
+  cAccessPoint m_ap;
   std::string m_unixPath;
+  cEventLoop::TimerId m_resumeTimer = 0;
   std::map<cChannel*, std::unique_ptr<cChannel>> m_channels;
 };
 

@@ -3,16 +3,20 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "kest/access_point.h"
 #include "kest/channel.h"
 #include "kest/loop.h"
 
 namespace kest {
 
 class cService;
+class cMessageSink;
 class cServiceClientWatcher;
 
 // Failure codes of a service client itself. Negative and far from -errno
@@ -32,11 +36,14 @@ class cServiceClient : private IChannelHandler {
   static constexpr unsigned kBackoffMaxMs = 5000;
 
   cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint);
+  // Closes silently: no hook and no watcher hears of it.
   virtual ~cServiceClient();
   cServiceClient(const cServiceClient&) = delete;
   cServiceClient& operator=(const cServiceClient&) = delete;
 
+  // False (traced) for a malformed access point; connecting goes on in the loop.
   virtual bool Start();
+  // Ends the connection (OnDisconnected follows from the loop) and the retries.
   virtual void Stop();
   bool IsConnected() const;
   std::string const& AccessPoint() const { return m_accessPoint; }
@@ -52,6 +59,8 @@ class cServiceClient : private IChannelHandler {
   void RemoveWatcher(cServiceClientWatcher* watcher);
 
  protected:
+  // All three run from the loop (posted), never from inside Request, in the
+  // order the connection saw them.
   virtual void OnConnected() {}
   virtual void OnDisconnected() {}
   virtual void OnEvent(cFrame& frame) { (void)frame; }
@@ -61,11 +70,17 @@ class cServiceClient : private IChannelHandler {
   void OnChannelClosed(cChannel* channel, std::string const& reason) override;
   void TryConnect();
   void OnConnectResult(std::uint32_t events);
+  void Connected(int fd);
+  void ConnectFailed(std::string const& reason);
+  void AbandonConnect();
   void ScheduleReconnect();
+  void DrainEvents();
+  void RunLater(std::function<void()> fn);  // dropped if this client is gone by then
 
   cService* m_service;
   unsigned m_timeoutMs;
   std::string m_accessPoint;
+  cAccessPoint m_ap;
   bool m_started = false;
   int m_connectingFd = -1;
   std::unique_ptr<cChannel> m_channel;
@@ -73,6 +88,14 @@ class cServiceClient : private IChannelHandler {
   cEventLoop::TimerId m_retryTimer = 0;
   std::uint32_t m_nextId = 1;
   std::vector<cServiceClientWatcher*> m_watchers;
+  // The request being waited for inside Request.
+  bool m_inRequest = false;
+  std::uint32_t m_waitId = 0;
+  bool m_gotReply = false;
+  cSerializeBuffer* m_reply = nullptr;
+  std::deque<cFrame> m_events;
+  bool m_drainPosted = false;
+  std::shared_ptr<bool> m_life = std::make_shared<bool>(true);
 };
 
 // Posts its message once every added client is reported connected, and again
@@ -84,6 +107,7 @@ class cServiceClientWatcher {
   bool Add(cServiceClient* client);
   bool OnConnect(cServiceClient* client);
   void OnDisconnect(cServiceClient* client);  // called by the client itself
+  void Remove(cServiceClient* client);        // forgets it; called by a dying client
 
  private:
   cMessageSink* m_sink;

@@ -1,0 +1,259 @@
+#include "kest/server.h"
+
+#include <grp.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "kest/format.h"
+#include "kest/trace.h"
+
+namespace kest {
+namespace {
+
+constexpr int kBacklog = 16;
+// Out of descriptors: stop accepting this long instead of spinning on a
+// listener that stays readable.
+constexpr std::uint64_t kAcceptPauseMs = 100;
+
+std::string Errno(int err) { return FormatString("errno:%d/%s", err, std::strerror(err)); }
+
+}  // namespace
+
+cServer::cServer(cService* service, IServerHandler* handler, std::string traceModule)
+    : m_service(service), m_handler(handler), m_module(std::move(traceModule)) {}
+
+cServer::~cServer() {
+  m_handler = nullptr;
+  Close();
+}
+
+bool cServer::Listen(std::string const& accessPoint, std::string& error) {
+  if (m_listenFd >= 0) {
+    error = FormatString("already listening on %s", m_ap.ToString().c_str());
+    return false;
+  }
+  if (!cAccessPoint::Parse(accessPoint, m_ap, error)) {
+    KEST_TRACE(m_module, kTransportError, "cannot listen: %s", error.c_str());
+    return false;
+  }
+  bool isUnix = m_ap.kind == cAccessPoint::kUnix;
+  std::string why;
+  int fd = OpenListener(why);
+  if (fd < 0) {
+    error = FormatString("cannot listen on %s: %s", accessPoint.c_str(), why.c_str());
+    KEST_TRACE(m_module, kTransportError, "%s", error.c_str());
+    return false;
+  }
+  m_listenFd = fd;
+  m_unixPath = isUnix ? m_ap.path : std::string();
+  Loop().WatchFd(fd, EPOLLIN, [this](std::uint32_t) { Accept(); });
+  cAccessPoint bound = m_ap;
+  bound.port = BoundPort();
+  if (isUnix || m_ap.IsLoopback()) {
+    KEST_TRACE(m_module, kTransportInfo, "listening on %s", bound.ToString().c_str());
+  } else {
+    KEST_TRACE(m_module, kTransportInfo,
+               "listening on %s, which is not a loopback address: other hosts can connect",
+               bound.ToString().c_str());
+  }
+  return true;
+}
+
+int cServer::OpenListener(std::string& why) {
+  bool isUnix = m_ap.kind == cAccessPoint::kUnix;
+  int fd = socket(isUnix ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    why = "socket: " + Errno(errno);
+    return -1;
+  }
+  if (!isUnix) {
+    // A restarted daemon must get its port back while old connections linger in TIME_WAIT.
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  }
+  sockaddr_storage sa{};
+  unsigned len = m_ap.ToSockaddr(sa);
+  auto fail = [&](std::string reason, bool unlinkPath) {
+    why = std::move(reason);
+    if (unlinkPath) unlink(m_ap.path.c_str());
+    close(fd);
+    return -1;
+  };
+  if (isUnix && !PrepareUnixPath(m_ap.path, why)) return fail(why, false);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0) return fail("bind: " + Errno(errno), false);
+  if (isUnix && !SetUnixAccess(m_ap.path, why)) return fail(why, true);
+  if (listen(fd, kBacklog) != 0) return fail("listen: " + Errno(errno), isUnix);
+  return fd;
+}
+
+// A socket file left by a dead server is removed; a live server's is not
+// taken over, and a file that is not a socket is never deleted.
+bool cServer::PrepareUnixPath(std::string const& path, std::string& why) {
+  struct stat st {};
+  if (lstat(path.c_str(), &st) != 0) return true;
+  if (!S_ISSOCK(st.st_mode)) {
+    why = "the path exists and is not a socket";
+    return false;
+  }
+  int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_storage sa{};
+  unsigned len = m_ap.ToSockaddr(sa);
+  bool live = probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&sa), len) == 0;
+  if (probe >= 0) close(probe);
+  if (live) {
+    why = "another server is listening on it";
+    return false;
+  }
+  if (unlink(path.c_str()) != 0) {
+    why = "cannot remove the stale socket: " + Errno(errno);
+    return false;
+  }
+  return true;
+}
+
+bool cServer::SetUnixAccess(std::string const& path, std::string& why) {
+  if (chmod(path.c_str(), m_limits.socketMode) != 0) {
+    why = "chmod: " + Errno(errno);
+    return false;
+  }
+  if (m_limits.socketGroup.empty()) return true;
+  gid_t gid;
+  char* end = nullptr;
+  unsigned long num = std::strtoul(m_limits.socketGroup.c_str(), &end, 10);
+  if (end && *end == '\0') {
+    gid = static_cast<gid_t>(num);
+  } else {
+    group* g = getgrnam(m_limits.socketGroup.c_str());
+    if (!g) {
+      why = FormatString("unknown group \"%s\"", m_limits.socketGroup.c_str());
+      return false;
+    }
+    gid = g->gr_gid;
+  }
+  if (chown(path.c_str(), static_cast<uid_t>(-1), gid) != 0) {
+    why = FormatString("chown to group %s: %s", m_limits.socketGroup.c_str(),
+                       Errno(errno).c_str());
+    return false;
+  }
+  return true;
+}
+
+std::uint16_t cServer::BoundPort() const {
+  if (m_listenFd < 0 || m_ap.kind != cAccessPoint::kTcp) return 0;
+  sockaddr_in in{};
+  socklen_t len = sizeof in;
+  if (getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&in), &len) != 0) return 0;
+  return ntohs(in.sin_port);
+}
+
+void cServer::Accept() {
+  while (m_listenFd >= 0) {
+    int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) {
+      int err = errno;
+      if (err == EINTR || err == ECONNABORTED) continue;
+      if (err == EAGAIN || err == EWOULDBLOCK) return;
+      KEST_TRACE(m_module, kTransportError, "cannot accept on %s (%s); pausing for %u ms",
+                 m_ap.ToString().c_str(), Errno(err).c_str(),
+                 static_cast<unsigned>(kAcceptPauseMs));
+      PauseAccepting();
+      return;
+    }
+    s_socket_addr addr;
+    std::string peer = cChannel::DescribePeer(fd, addr);
+    if (!Admit(fd, peer)) {
+      close(fd);
+      continue;
+    }
+    std::unique_ptr<cChannel> channel(new cChannel(fd, addr, peer, this));
+    channel->SetSendLimit(m_limits.sendLimit);
+    cChannel* raw = channel.get();
+    m_channels[raw] = std::move(channel);
+    if (m_handler) m_handler->OnOpen(raw);
+  }
+}
+
+bool cServer::Admit(int fd, std::string const& peer) {
+  if (m_channels.size() >= m_limits.maxConnections) {
+    KEST_TRACE(m_module, kTransportError,
+               "refusing connection from %s on %s: %zu connections open, the limit", peer.c_str(),
+               m_ap.ToString().c_str(), m_channels.size());
+    return false;
+  }
+  if (m_ap.kind != cAccessPoint::kUnix ||
+      (m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
+    return true;
+  }
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+    KEST_TRACE(m_module, kTransportError, "refusing connection on %s: no peer credentials (%s)",
+               m_ap.ToString().c_str(), Errno(errno).c_str());
+    return false;
+  }
+  if (m_limits.allowUids.count(cred.uid) || m_limits.allowGids.count(cred.gid)) return true;
+  KEST_TRACE(m_module, kTransportError,
+             "refusing connection from %s on %s: uid %u gid %u not allowed", peer.c_str(),
+             m_ap.ToString().c_str(), static_cast<unsigned>(cred.uid),
+             static_cast<unsigned>(cred.gid));
+  return false;
+}
+
+void cServer::PauseAccepting() {
+  Loop().UnwatchFd(m_listenFd);
+  m_resumeTimer = Loop().AddTimer(kAcceptPauseMs, [this] {
+    m_resumeTimer = 0;
+    if (m_listenFd >= 0) Loop().WatchFd(m_listenFd, EPOLLIN, [this](std::uint32_t) { Accept(); });
+  });
+}
+
+void cServer::Close() {
+  if (m_resumeTimer) Loop().CancelTimer(m_resumeTimer);
+  m_resumeTimer = 0;
+  if (m_listenFd >= 0) {
+    Loop().UnwatchFd(m_listenFd);
+    close(m_listenFd);
+    m_listenFd = -1;
+    if (!m_unixPath.empty()) unlink(m_unixPath.c_str());
+    m_unixPath.clear();
+  }
+  std::vector<cChannel*> open;
+  for (auto& c : m_channels) open.push_back(c.first);
+  for (cChannel* c : open) c->Close("server closed");
+}
+
+void cServer::OnChannelClosed(cChannel* channel, std::string const&) {
+  auto it = m_channels.find(channel);
+  if (it == m_channels.end()) return;
+  // The channel may be closing from inside its own callback: it is deleted
+  // from the loop, after that callback has returned.
+  std::shared_ptr<cChannel> dying(std::move(it->second));
+  m_channels.erase(it);
+  if (m_handler) m_handler->OnClose(channel);
+  Loop().Post([dying] {});
+}
+
+void cServer::OnFrame(cChannel* channel, cFrame& frame) {
+  if (m_handler) m_handler->OnFrame(channel, frame);
+}
+
+bool cServer::Reply(cChannel* channel, std::uint32_t id, std::uint16_t op,
+                    cSerializeBuffer const& body) {
+  if (m_channels.find(channel) == m_channels.end()) return false;
+  cFrame frame;
+  frame.kind = cFrame::kReply;
+  frame.id = id;
+  frame.op = op;
+  frame.body = body;
+  return channel->Send(frame);
+}
+
+}  // namespace kest
