@@ -2,6 +2,7 @@
 // service that reports to the service control manager (the init system).
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "kest/loop.h"
@@ -20,6 +21,7 @@ class cService : public cMessageSink {
   virtual void OnMsg(cMsg& msg);  // default: ProcessMsg
 
   using cMessageSink::Init;
+  std::string ToString() const override;
   void ProcessMsg(cMsg& msg) override;
 
   // Runs the loop on the calling thread until it is ended (Quit, SIGTERM,
@@ -29,8 +31,11 @@ class cService : public cMessageSink {
   unsigned int Number() const { return m_number; }
 
  protected:
-  // Called once on entering ProcessMessages, after the map is filled.
-  virtual void OnLoopStart() {}
+  // Run on entering ProcessMessages (after the map is filled, before the
+  // first event) and on leaving it. Hooks rather than virtuals so the table
+  // of virtual operations stays exactly as derived services expect it.
+  std::function<void()> m_onLoopStart;
+  std::function<void()> m_onLoopEnd;
 
  private:
   unsigned int m_number = 0;
@@ -60,10 +65,8 @@ class cScmService : public cService {
   bool SetServiceStatusStopping(); // STOPPING=1
   bool ScmAttached() const { return m_notifyFd >= 0; }
 
- protected:
-  void OnLoopStart() override;
-
  private:
+  void OnLoopStart();
   bool Notify(std::string const& text);
   void ScheduleAliveCheck();
 
@@ -71,6 +74,7 @@ class cScmService : public cService {
   std::string m_notifyPath;
   std::uint64_t m_watchdogMs = 0;  // half of WATCHDOG_USEC, 0 = none
   cEventLoop::TimerId m_aliveTimer = 0;
+  std::uint64_t m_aliveDue = 0;  // when the next alive check is due (loop clock)
 };
 
 }  // namespace kest

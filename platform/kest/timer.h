@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "kest/loop.h"
@@ -33,6 +34,7 @@ class cTimer {
   std::string m_name;
   unsigned long m_periodMs = 0;
   cEventLoop::TimerId m_id = 0;
+  std::uint64_t m_dueMs = 0;  // current period's end on the loop's clock
 };
 
 }  // namespace kest

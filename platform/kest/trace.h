@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "kest/format.h"
+
 namespace kest {
 
 struct cTraceRecord {
