@@ -2,11 +2,15 @@
 // needs, as synchronous requests.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "kest/service_client.h"
 
 namespace hal {
+
+struct cHalRequest;
 
 // Callback target of a HAL client. The HAL client reports its connections
 // by posting "HAL::ON-CONNECT" to the service, so nothing is declared here.
@@ -50,14 +54,24 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // Every operation goes to api instead of the HAL proxy; nullptr restores.
   void Redirect(IHalApi* api) { m_redirect = api; }
 
+  // Tooling operations of the proxy (tests, diagnostics; never redirected).
+  // The proxy's table as readable lines; the result as for the route operations.
+  int ListRoutes(std::vector<std::string>& lines);
+  // The next count requests of op (0 = all until cleared) answer code;
+  // code 0 clears. Only the in-memory backend of the proxy supports it.
+  int InjectFault(std::uint16_t op, int code, std::uint32_t count);
+
  protected:
   void OnConnected() override;  // posts "HAL::ON-CONNECT" to the service
 
  private:
-  IHalClient* m_callback;
+  int Call(cHalRequest const& req);
+
+  [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
 };
 
+// Nothing to set up or tear down; kept for the library's start/stop contract.
 bool halInit();
 void halDeinit();
 

@@ -1,0 +1,129 @@
+#include "hal/hal_client.h"
+
+#include "hal/hal_errors.h"
+#include "hal/hal_protocol.h"
+#include "kest/message.h"
+#include "kest/service.h"
+#include "kest/trace.h"
+
+namespace hal {
+
+namespace {
+
+char const* const kModule = "HAL";
+char const* const kLevelError = "002";
+
+}  // namespace
+
+cHalClient::cHalClient(kest::cService* service, IHalClient* callback, unsigned timeoutMs,
+                       std::string accessPoint)
+    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint)), m_callback(callback) {}
+
+cHalClient::~cHalClient() = default;
+
+void cHalClient::OnConnected() {
+  // The service learns of every (re)connection, so it can count the HAL as up
+  // again after the proxy restarted.
+  if (Service() != nullptr) kest::cMessageSink::PostTo(Service(), kest::cMsg("HAL::ON-CONNECT"));
+}
+
+int cHalClient::Call(cHalRequest const& req) {
+  kest::cSerializeBuffer body, reply;
+  if (!EncodeRequest(req, body)) {
+    KEST_TRACE(kModule, kLevelError, "%s: request too large to send", halop::Name(req.op));
+    return halerr::kProtocol;
+  }
+  int rc = Request(req.op, body, reply);
+  if (rc != 0) return rc;
+  int result = 0;
+  std::string error;
+  if (!DecodeResult(reply, result, error)) {
+    KEST_TRACE(kModule, kLevelError, "%s: malformed answer from %s: %s", halop::Name(req.op),
+               AccessPoint().c_str(), error.c_str());
+    return halerr::kProtocol;
+  }
+  return result;
+}
+
+int cHalClient::ConfigureIPGateway(std::string const& network, std::string const& netmask,
+                                   std::string const& gateway, std::string const& source,
+                                   std::string const& ifname, unsigned int const& metric,
+                                   bool const& gwAvailable) {
+  if (m_redirect != nullptr) {
+    return m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname, metric,
+                                          gwAvailable);
+  }
+  cHalRequest req;
+  req.op = halop::kConfigureIPGateway;
+  req.network = network;
+  req.netmask = netmask;
+  req.gateway = gateway;
+  req.source = source;
+  req.ifname = ifname;
+  req.metric = metric;
+  req.gwAvailable = gwAvailable;
+  return Call(req);
+}
+
+int cHalClient::RemoveIPGateway(std::string const& network, std::string const& netmask,
+                                std::string const& gateway, bool const& gwAvailable) {
+  if (m_redirect != nullptr) {
+    return m_redirect->RemoveIPGateway(network, netmask, gateway, gwAvailable);
+  }
+  cHalRequest req;
+  req.op = halop::kRemoveIPGateway;
+  req.network = network;
+  req.netmask = netmask;
+  req.gateway = gateway;
+  req.gwAvailable = gwAvailable;
+  return Call(req);
+}
+
+int cHalClient::ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) {
+  if (m_redirect != nullptr) return m_redirect->ConfigureIpDefaultGateway(gateway, metric);
+  cHalRequest req;
+  req.op = halop::kConfigureIpDefaultGateway;
+  req.gateway = gateway;
+  req.metric = metric;
+  return Call(req);
+}
+
+int cHalClient::RemoveIPDefaultGateway(std::string const& gateway) {
+  if (m_redirect != nullptr) return m_redirect->RemoveIPDefaultGateway(gateway);
+  cHalRequest req;
+  req.op = halop::kRemoveIPDefaultGateway;
+  req.gateway = gateway;
+  return Call(req);
+}
+
+int cHalClient::ListRoutes(std::vector<std::string>& lines) {
+  cHalRequest req;
+  req.op = halop::kListRoutes;
+  kest::cSerializeBuffer body, reply;
+  EncodeRequest(req, body);
+  int rc = Request(req.op, body, reply);
+  if (rc != 0) return rc;
+  int result = 0;
+  std::string error;
+  if (!DecodeRouteList(reply, result, lines, error)) {
+    KEST_TRACE(kModule, kLevelError, "ListRoutes: malformed answer from %s: %s",
+               AccessPoint().c_str(), error.c_str());
+    return halerr::kProtocol;
+  }
+  return result;
+}
+
+int cHalClient::InjectFault(std::uint16_t op, int code, std::uint32_t count) {
+  cHalRequest req;
+  req.op = halop::kInjectFault;
+  req.faultOp = op;
+  req.faultCode = code;
+  req.faultCount = count;
+  return Call(req);
+}
+
+bool halInit() { return true; }
+
+void halDeinit() {}
+
+}  // namespace hal

@@ -1,0 +1,74 @@
+// halproxy: the HAL proxy. Accepts the route manager's HAL requests and
+// installs routes in the kernel (or, by default, in a table in memory).
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "kest/server.h"
+#include "kest/service.h"
+#include "log.h"
+#include "memory_backend.h"
+#include "netlink_backend.h"
+#include "options.h"
+#include "proxy.h"
+
+namespace {
+
+char const* const kUnavailableNames[] = {"skip", "unreachable"};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace halproxy;
+  cOptions opt;
+  std::string error;
+  if (!ParseOptions(argc, argv, opt, error)) {
+    std::fprintf(stderr, "halproxy: %s\nTry 'halproxy --help'.\n", error.c_str());
+    return 2;
+  }
+  if (opt.help) {
+    std::fputs(Usage().c_str(), stdout);
+    return 0;
+  }
+  if (opt.version) {
+    std::printf("halproxy %s\n", HALPROXY_VERSION);
+    return 0;
+  }
+  if (opt.syslog) kest::cTracepoint::SelectSink("syslog", "halproxy");
+  kest::cTracepoint::SetMaxLevel(MaxLevelFor(opt.logLevel));
+  // A peer that hangs up must cost an error value, not the process.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  std::unique_ptr<IRouteBackend> backend;
+  char const* backendName = "memory";
+  if (opt.backend == cOptions::eBackend::kNetlink) {
+    auto nl = std::make_unique<cNetlinkBackend>();
+    if (!nl->Open(error)) {
+      HALPROXY_LOG(kLevelError, "cannot use the kernel's routing table: %s", error.c_str());
+      return 1;
+    }
+    backend = std::move(nl);
+    backendName = "netlink";
+  } else {
+    backend = std::make_unique<cMemoryBackend>(opt.interfaces);
+  }
+
+  kest::cService service;
+  cHalProxy proxy(*backend, opt.unavailable);
+  kest::cServer server(&service, &proxy, kModule);
+  if (!server.Listen(opt.listen, error)) {
+    HALPROXY_LOG(kLevelError, "cannot listen on %s: %s", opt.listen.c_str(), error.c_str());
+    return 1;
+  }
+  proxy.Attach(&server);
+  HALPROXY_LOG(kLevelInfo, "listening on %s (port %u), backend %s, unavailable gateways: %s",
+               opt.listen.c_str(), static_cast<unsigned>(server.BoundPort()), backendName,
+               kUnavailableNames[opt.unavailable == eUnavailable::kSkip ? 0 : 1]);
+
+  service.ProcessMessages();  // until SIGTERM or SIGINT
+
+  server.Close();
+  HALPROXY_LOG(kLevelInfo, "stopped");
+  return 0;
+}

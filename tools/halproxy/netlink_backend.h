@@ -1,0 +1,47 @@
+// Routes in the kernel's main table through rtnetlink (libmnl). Every
+// exchange is one request and its answer on a blocking socket: the kernel
+// answers at once, so the loop never waits long.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "backend.h"
+#include "netlink_codec.h"
+
+struct mnl_socket;
+
+namespace halproxy {
+
+class cNetlinkBackend : public IRouteBackend {
+ public:
+  cNetlinkBackend() = default;
+  ~cNetlinkBackend() override;
+  cNetlinkBackend(const cNetlinkBackend&) = delete;
+  cNetlinkBackend& operator=(const cNetlinkBackend&) = delete;
+
+  bool Open(std::string& error);
+
+  int ConfigureRoute(cRoute const& route) override;
+  int RemoveRoute(cRoute const& route) override;
+  int ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) override;
+  int RemoveDefault(std::uint32_t gateway) override;
+  int ListRoutes(std::vector<std::string>& lines) override;
+  std::string LastDetail() const override { return m_detail; }
+
+ private:
+  // Sends msg and reads its answer; 0 or a negative errno. dump collects the
+  // route messages of a dump.
+  int Transact(std::vector<std::uint8_t> const& msg, std::vector<nl::cNlRoute>* dump);
+  int DumpOurs(std::vector<nl::cNlRoute>& routes);  // our IPv4 routes of the main table
+  int Delete(nl::cNlRoute const& route);            // absent counts as removed
+  int InterfaceIndex(std::string const& name, std::uint32_t& index);
+  std::uint32_t NextSeq() { return ++m_seq; }
+
+  mnl_socket* m_nl = nullptr;
+  std::uint32_t m_seq = 0;
+  std::string m_detail;
+};
+
+}  // namespace halproxy

@@ -1,0 +1,58 @@
+// Route messages of rtnetlink, built and parsed without any I/O so the parser
+// can be fuzzed with arbitrary bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace halproxy {
+namespace nl {
+
+// Our routes carry this protocol number, so `ip route` shows which routes the
+// proxy installed and the proxy never removes a route somebody else made.
+// Numbers above 4 are free for route daemons; 188 is not given to any
+// (see /etc/iproute2/rt_protos).
+constexpr std::uint8_t kRouteProtocol = 188;
+
+// A route message in the kernel's terms; addresses in host order.
+struct cNlRoute {
+  std::uint32_t dst = 0;
+  std::uint8_t dstLen = 0;
+  std::uint8_t type = 0;      // RTN_UNICAST, RTN_UNREACHABLE, ...
+  std::uint8_t protocol = 0;  // RTPROT_*
+  std::uint8_t scope = 0;     // RT_SCOPE_*
+  std::uint32_t table = 0;    // RT_TABLE_MAIN, ...
+  std::uint32_t gateway = 0;  // 0: none
+  std::uint32_t prefsrc = 0;  // 0: none
+  std::uint32_t oif = 0;      // 0: none
+  std::uint32_t priority = 0;
+  bool hasPriority = false;   // a removal without it matches any metric
+};
+
+// One message each; flags are NLM_F_* besides NLM_F_REQUEST, which is always set.
+std::vector<std::uint8_t> BuildNewRoute(cNlRoute const& route, std::uint16_t flags,
+                                        std::uint32_t seq);
+std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq);
+std::vector<std::uint8_t> BuildRouteDump(std::uint32_t seq);
+
+struct cNlResult {
+  enum Status { kMore, kDone, kMalformed } status = kMore;
+  int error = 0;        // 0 or a negative errno (from NLMSG_ERROR or NLMSG_DONE)
+  std::string message;  // the kernel's extended-ack text, or what was malformed
+};
+
+// Parses one datagram of answers to the request with sequence number seq
+// (messages with other numbers are stale and skipped). IPv4 route messages
+// are appended to routes when it is not null. kMore: the answer goes on in
+// the next datagram.
+cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
+                     std::vector<cNlRoute>* routes);
+
+// The route of an RTM_NEWROUTE message's payload (struct rtmsg and its
+// attributes); false for another family or a malformed payload.
+bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out);
+
+}  // namespace nl
+}  // namespace halproxy

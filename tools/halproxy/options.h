@@ -1,0 +1,31 @@
+// Command line of halproxy.
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "proxy.h"
+
+namespace halproxy {
+
+struct cOptions {
+  enum class eBackend { kMemory, kNetlink };
+
+  std::string listen = "127.0.0.1:3710";  // the daemon's default HAL access point
+  eBackend backend = eBackend::kMemory;   // the kernel only when asked for explicitly
+  eUnavailable unavailable = eUnavailable::kSkip;
+  std::string logLevel = "info";
+  bool syslog = false;
+  std::set<std::string> interfaces;  // memory backend: the names that exist; empty = any
+  bool help = false;
+  bool version = false;
+};
+
+// Parses argv[1..]; false with a message naming the bad argument. Options
+// take their value as "--opt=value" or as the next argument.
+bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string& error);
+std::string Usage();
+// The trace level that --log-level name allows; nullptr for an unknown name.
+char const* MaxLevelFor(std::string const& name);
+
+}  // namespace halproxy
