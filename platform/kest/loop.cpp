@@ -137,6 +137,8 @@ void cEventLoop::CancelTimer(TimerId id) {
 
 void cEventLoop::Post(std::function<void()> fn) { m_impl->posted.push_back(std::move(fn)); }
 
+void cEventLoop::PostFront(std::function<void()> fn) { m_impl->posted.push_front(std::move(fn)); }
+
 void cEventLoop::Run() {
   while (!m_quit) RunOnce(-1);
   m_quit = false;

@@ -29,6 +29,9 @@ class cEventLoop {
   void CancelTimer(TimerId id);                                       // unknown id: no effect
 
   void Post(std::function<void()> fn);
+  // Queues fn ahead of all posted work (framework start-up events that must
+  // come first whatever was posted before the loop ran).
+  void PostFront(std::function<void()> fn);
 
   // Runs until Quit(). SIGTERM and SIGINT (see InstallStopSignals) call Quit.
   void Run();

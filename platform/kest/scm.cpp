@@ -99,7 +99,8 @@ bool cScmService::SetServiceAlive() { return Notify("WATCHDOG=1"); }
 bool cScmService::SetServiceStatusStopping() { return Notify("STOPPING=1"); }
 
 void cScmService::OnLoopStart() {
-  Loop().Post([this] {
+  // First event of the loop, even if libraries posted work before it ran.
+  Loop().PostFront([this] {
     if (Alive(this)) OnScmConnected();
   });
   if (m_watchdogMs != 0) {

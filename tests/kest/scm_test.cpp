@@ -141,8 +141,10 @@ TEST_F(ScmTest, StandaloneServiceConnectsFirstAndStopsOnSignals) {
     ASSERT_TRUE(service.Init("probe", 3704));
     EXPECT_FALSE(service.ScmAttached());
     service.script = [sig] { raise(sig); };
+    kest::Loop().Post([&service] { service.events.push_back("posted before the loop"); });
     service.ProcessMessages();  // returns only through the signal
-    EXPECT_EQ(service.events, (std::vector<std::string>{"map", "connected"}));
+    EXPECT_EQ(service.events,
+              (std::vector<std::string>{"map", "connected", "posted before the loop"}));
     kest::ResetLoop();
     kest::Loop().SetClock(&clock);
   }
