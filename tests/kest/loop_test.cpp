@@ -1,7 +1,6 @@
 #include "kest/loop.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -67,19 +66,6 @@ TEST_F(LoopTest, UnwatchFromACallbackStopsThatAndOtherReadyDescriptors) {
   loop.RunUntilIdle();
   EXPECT_EQ(calls, 1);  // both ready in one round, the second was unwatched by the first
   for (int fd : {a[0], a[1], b[0], b[1]}) close(fd);
-}
-
-TEST_F(LoopTest, StopSignalsEndRun) {
-  for (int sig : {SIGTERM, SIGINT}) {
-    auto& loop = kest::Loop();
-    loop.InstallStopSignals();
-    bool after = false;
-    loop.Post([sig] { raise(sig); });
-    loop.AddTimer(1000000, [&] { after = true; });
-    loop.Run();  // returns only through the signal
-    EXPECT_FALSE(after);
-    kest::ResetLoop();
-  }
 }
 
 }  // namespace
