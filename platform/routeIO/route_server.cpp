@@ -13,7 +13,6 @@ namespace {
 
 constexpr char const* kModule = "routeIO";
 constexpr char const* kLevelError = "002";
-constexpr char const* kLevelInfo = "005";
 
 // Hands one decoded command to the service with the arguments in the order
 // of its callback.
@@ -35,7 +34,7 @@ struct cCallbackCall {
 }  // namespace
 
 cRouteServer::cRouteServer(kest::cService* service, IRouteServer* callback)
-    : m_service(service), m_callback(callback), m_server(service, this, kModule) {}
+    : m_callback(callback), m_server(service, this, kModule) {}
 
 cRouteServer::~cRouteServer() {
   m_deliver = false;
@@ -45,15 +44,9 @@ cRouteServer::~cRouteServer() {
 bool cRouteServer::SetReady() {
   if (m_server.Listening()) return true;
   std::string const sap = kest::kestProperties().GetStringForKey(kSapProperty, kDefaultSap);
+  // The server traces the listening address, or why it cannot listen.
   std::string error;
-  if (!m_server.Listen(sap, error)) {
-    KEST_TRACE(kModule, kLevelError, "route server cannot listen on %s: %s", sap.c_str(),
-               error.c_str());
-    return false;
-  }
-  KEST_TRACE(kModule, kLevelInfo, "route server listening on %s (port %u)", sap.c_str(),
-             static_cast<unsigned>(m_server.BoundPort()));
-  return true;
+  return m_server.Listen(sap, error);
 }
 
 void cRouteServer::OnOpen(kest::cChannel* channel) {
@@ -75,7 +68,6 @@ void cRouteServer::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
     Disconnect(channel, error);
     return;
   }
-  if (!m_deliver) return;
   routeResult const result = std::visit(cCallbackCall{m_callback, channel}, cmd);
   kest::cSerializeBuffer body;
   EncodeResult(result, body);

@@ -58,7 +58,6 @@ class cRouteServer : private kest::IServerHandler {
   void OnClose(kest::cChannel* channel) override;
   void Disconnect(kest::cChannel* channel, std::string const& why);
 
-  kest::cService* m_service;
   IRouteServer* m_callback;
   // Cleared while the server is torn down: the service that owns it is half
   // destroyed by then and must hear nothing more.

@@ -213,9 +213,9 @@ TEST_F(RouteServerTest, GarbageClosesTheClientWithATraceAndCloseIsDelivered) {
   };
   kest::cSerializeBuffer route;
   ASSERT_TRUE(EncodeCommand(cDelRouteCmd{"t"}, route));
-  std::vector<std::uint8_t> truncated = route.Bytes();
-  truncated.pop_back();
-  std::vector<std::uint8_t> stray = route.Bytes();
+  std::vector<std::uint8_t> const& whole = route.Bytes();
+  std::vector<std::uint8_t> const truncated(whole.begin(), whole.end() - 1);
+  std::vector<std::uint8_t> stray(whole);
   stray.push_back(0);
 
   struct Case {
