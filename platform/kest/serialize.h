@@ -62,6 +62,11 @@ class GC {
 
 class IGarbageCollectable {
  public:
+  IGarbageCollectable() = default;
+  // A copy is a new object with its own single reference; assignment copies
+  // content only, never the count of the object assigned from.
+  IGarbageCollectable(const IGarbageCollectable&) {}
+  IGarbageCollectable& operator=(const IGarbageCollectable&) { return *this; }
   virtual ~IGarbageCollectable() = default;
   virtual void AddRef();
   virtual void Release();  // deletes the object when the count drops to 0
@@ -83,8 +88,9 @@ class ISerialize : public IGarbageCollectable {
   virtual bool Deserialize(xmlNode*& node, std::string& error);
   virtual std::string ToString(std::string const& format) const = 0;
 
-  // Version header: one byte, the object's Version(). A reader that gets
-  // nothing (short buffer) sees version -1, which no class accepts.
+  // Version header: exactly one byte holding the object's Version() (0..255),
+  // written before the object's own bytes. A reader that gets nothing (short
+  // buffer) sees version -1, which no class accepts.
   void SerializeVersion(cSerializeBuffer& buf) const;
   int DeserializeVersion(cSerializeBuffer& buf);
 };

@@ -7,6 +7,7 @@
 
 #include "kest/serialize.h"
 #include "kest/types.h"
+#include "values/db_item.h"
 
 namespace dataIO {
 
@@ -19,9 +20,12 @@ class cDBCollection {
 
   // Start of a synchronisation: the received copies start as the ones in force.
   virtual void BeginSync() {}
-  // One record of the directory, as delivered: decoded into its received
-  // copy. False (copy unchanged) for an unknown item or bytes that do not decode.
+  // One record of the directory, as delivered: decoded from the cursor into
+  // its received copy (the cursor ends after the record). False, copy
+  // unchanged, for an unknown item or bytes that do not decode as a whole.
   virtual bool ReceiveItem(std::string const& name, kest::cSerializeBuffer& bytes) = 0;
+  // ReceiveItem with a record built in memory, under the record's own name.
+  bool ReceiveRecord(cDBItem const& record);
   // The record is gone from the store.
   virtual void RemoveItem(std::string const& name) = 0;
   // After the synchronisation has been reported: received becomes in force.

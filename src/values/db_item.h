@@ -12,6 +12,8 @@ class cDBItem : public kest::ISerialize {
  public:
   KEST_GARBAGE_COLLECTABLE
   cDBItem(std::string const& name, std::string const& dir);
+  cDBItem(const cDBItem&) = default;
+  cDBItem& operator=(const cDBItem&) = default;
   ~cDBItem() override;
 
   int Version() const override { return 1; }
