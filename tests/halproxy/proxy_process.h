@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,22 +47,23 @@ class cProxyProcess {
   std::string AccessPoint() const { return "unix:" + SocketPath(); }
   std::string LogPath() const { return m_dir + "/halproxy.log"; }
 
-  // Starts prefix... halproxy --listen unix:DIR/hal.sock args... and waits
-  // until its socket exists; false (with the log in error) if it died first.
+  // Starts prefix... halproxy --listen LISTEN args... (LISTEN: our Unix
+  // socket unless given) and waits until it says it listens; false (with its
+  // log in error) if it died or stayed silent.
   bool Start(std::vector<std::string> const& args, std::string& error,
-             std::vector<std::string> const& prefix = {}) {
+             std::vector<std::string> const& prefix = {}, std::string listen = "") {
     unlink(SocketPath().c_str());
     std::vector<std::string> argv = prefix;
     argv.push_back(HALPROXY_PATH);
     argv.push_back("--listen");
-    argv.push_back(AccessPoint());
+    argv.push_back(listen.empty() ? AccessPoint() : listen);
     argv.insert(argv.end(), args.begin(), args.end());
     m_pid = Spawn(argv, LogPath());
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    struct stat st;
-    while (stat(SocketPath().c_str(), &st) != 0) {
+    while (Log().find("listening on") == std::string::npos) {
       int status = 0;
       if (waitpid(m_pid, &status, WNOHANG) == m_pid || std::chrono::steady_clock::now() > deadline) {
+        if (kill(m_pid, 0) == 0) Stop();
         m_pid = -1;
         error = "halproxy did not come up: " + Log();
         return false;

@@ -62,9 +62,13 @@ int main(int argc, char** argv) {
     return 1;
   }
   proxy.Attach(&server);
-  HALPROXY_LOG(kLevelInfo, "listening on %s (port %u), backend %s, unavailable gateways: %s",
-               opt.listen.c_str(), static_cast<unsigned>(server.BoundPort()), backendName,
-               kUnavailableNames[opt.unavailable == eUnavailable::kSkip ? 0 : 1]);
+  std::string where = opt.listen;
+  // Port 0 lets the system choose: say which port it chose.
+  if (where.size() > 2 && where.compare(where.size() - 2, 2, ":0") == 0) {
+    where += " (port " + std::to_string(server.BoundPort()) + ")";
+  }
+  HALPROXY_LOG(kLevelInfo, "listening on %s, backend %s, unavailable gateways: %s", where.c_str(),
+               backendName, kUnavailableNames[opt.unavailable == eUnavailable::kSkip ? 0 : 1]);
 
   service.ProcessMessages();  // until SIGTERM or SIGINT
 
