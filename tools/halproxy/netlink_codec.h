@@ -11,10 +11,11 @@ namespace halproxy {
 namespace nl {
 
 // Our routes carry this protocol number, so `ip route` shows which routes the
-// proxy installed and the proxy never removes a route somebody else made.
-// Numbers above 4 are free for route daemons; 188 is not given to any
-// (see /etc/iproute2/rt_protos).
-constexpr std::uint8_t kRouteProtocol = 188;
+// proxy installed ("proto 200") and the proxy never removes or counts a route
+// somebody else made. Numbers above RTPROT_STATIC are free for route daemons;
+// 200 is assigned neither in linux/rtnetlink.h nor in iproute2's rt_protos
+// (188, say, would read as "proto ospf").
+constexpr std::uint8_t kRouteProtocol = 200;
 
 // A route message in the kernel's terms; addresses in host order.
 struct cNlRoute {
