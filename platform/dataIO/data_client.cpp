@@ -52,6 +52,7 @@ cDataClient::cRegistration* cDataClient::Find(std::string const& dir) {
 
 void cDataClient::Subscribe(cRegistration& reg) {
   reg.tag = m_nextTag++;
+  if (m_nextTag == 0) m_nextTag = 1;  // 0 marks "no subscription"
   reg.snapshotSeen = false;
   kest::cSerializeBuffer body;
   proto::Encode(proto::cSubscribe{reg.collection->GetDir(), reg.tag}, body);
@@ -109,23 +110,40 @@ void cDataClient::Stop() {
     m_redirect->Stop();
     return;
   }
-  // Nothing of the old connection is reported after an explicit stop.
+  // Nothing of the old connection is reported after an explicit stop: drop
+  // what waits, refuse snapshots answering its subscriptions (tag 0 is never
+  // sent), and ignore the transport's connect and disconnect notices that
+  // are already on their way (they are posted before the barrier below).
   m_running = false;
   m_queue.clear();
   m_assembler.Reset();
+  for (auto& reg : m_regs) {
+    reg.tag = 0;
+    reg.snapshotSeen = false;
+  }
   kest::cServiceClient::Stop();
+  ++m_staleNotices;
+  std::weak_ptr<int> alive = m_alive;
+  kest::Loop().Post([this, alive] {
+    if (!alive.expired()) --m_staleNotices;
+  });
 }
 
 void cDataClient::OnConnected() {
+  if (m_staleNotices > 0 || !m_running) return;
   m_assembler.Reset();
   for (auto& reg : m_regs) Subscribe(reg);
   Queue(cPending{cPending::kConnect, {}, {}, {}});
 }
 
 void cDataClient::OnDisconnected() {
+  if (m_staleNotices > 0 || !m_running) return;
   m_assembler.Reset();
-  for (auto& reg : m_regs) reg.snapshotSeen = false;
-  if (m_running) Queue(cPending{cPending::kDisconnect, {}, {}, {}});
+  for (auto& reg : m_regs) {
+    reg.tag = 0;
+    reg.snapshotSeen = false;
+  }
+  Queue(cPending{cPending::kDisconnect, {}, {}, {}});
 }
 
 void cDataClient::OnEvent(kest::cFrame& frame) {
@@ -226,7 +244,8 @@ void cDataClient::ApplySync(proto::cSync& sync) {
     return;
   }
   bool const full = (sync.flags & proto::kSyncFull) != 0;
-  if (full && sync.tag != reg->tag) return;  // answer to an earlier subscription
+  // A snapshot answering an earlier subscription (or a stopped connection's).
+  if (full && (reg->tag == 0 || sync.tag != reg->tag)) return;
   if (!full && !reg->snapshotSeen) return;   // the coming snapshot holds it
   cDBCollection* const collection = reg->collection;
 

@@ -104,6 +104,7 @@ class cDataClient : public kest::cServiceClient, public IDataApi {
   std::deque<cPending> m_queue;
   proto::cSyncAssembler m_assembler;
   bool m_running = false;
+  int m_staleNotices = 0;  // Stop() barriers not yet passed by the loop
   bool m_drainPosted = false;
   std::uint32_t m_nextTag = 1;
   cDBCollection* m_reporting = nullptr;  // the collection inside OnSync
