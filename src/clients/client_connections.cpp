@@ -1,0 +1,31 @@
+// Custom routes live as long as the connection of the client that set them.
+#include "core/rm_trace.h"
+#include "core/route_mgr_service.h"
+#include "kest/channel.h"
+
+void cRouteMgrService::OnClientConnected(routeIO::cRouteServer*, kest::cChannel* client) {
+  RM_TRACE("Route Client Connected:" + client->PeerInfo().ToString(""));
+}
+
+void cRouteMgrService::OnClientClosed(routeIO::cRouteServer*, kest::cChannel* client) {
+  RM_TRACE("Route Client Closed:" + client->PeerInfo().ToString(""));
+  auto owner = m_RoutesByClient.find(client);
+  if (owner == m_RoutesByClient.end()) {
+    return;
+  }
+  // A copy: the walk erases routes while the set stays until the end.
+  std::set<std::string> const tags = owner->second;
+  RM_TRACE("found custom routes by disconnected client - deleting");
+  int deleted = 0;
+  for (std::string const& tag : tags) {
+    auto it = m_Routes.find(tag);
+    if (it == m_Routes.end()) {
+      continue;  // another client deleted it already
+    }
+    HalDelRoute(it->second.m_network, it->second.m_netmask, it->second.m_gatewayIP, true);
+    m_Routes.erase(it);
+    ++deleted;
+  }
+  RM_TRACEF("%d of %d routes deleted", deleted, static_cast<int>(tags.size()));
+  m_RoutesByClient.erase(client);
+}

@@ -1,0 +1,117 @@
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "diag/dump_signal.h"
+#include "service_fixture.h"
+
+namespace {
+std::string ReadFile(std::string const& path) {
+  std::ifstream in(path);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+struct TempDir {
+  TempDir() {
+    char tmpl[] = "/tmp/routemgr-dump-XXXXXX";
+    path = mkdtemp(tmpl);
+  }
+  ~TempDir() {
+    unlink((path + "/routemgr.dmp").c_str());
+    rmdir(path.c_str());
+  }
+  std::string path;
+};
+}  // namespace
+
+TEST_F(ServiceTest, DumpOfAFreshService) {
+  TempDir dir;
+  WriteDump(svc.get(), SIG_REQ, dir.path);
+  EXPECT_EQ(ReadFile(dir.path + "/routemgr.dmp"),
+            "--- ROUTEMGR LR-DUMP ---\n"
+            "- Dumpsource: SIG_REQ\n"
+            " - m_dataClient:           NOT CONNECTED (127.0.0.1:1)\n"
+            " - m_halClient:            NOT CONNECTED (127.0.0.1:2)\n"
+            " - m_networkStatus:        IS NULL ()\n"
+            " - m_StatusReceived:       FALSE\n"
+            " - m_RoutingCollection:    IS NULL ()\n"
+            " - m_ConfigReceived:       FALSE\n"
+            " - m_Gateways:             EMPTY\n"
+            " - m_Routes:               EMPTY\n"
+            " - Service not completely started yet - Routes By Config not available\n");
+  EXPECT_TRUE(Traces().empty());
+}
+
+TEST_F(ServiceTest, DumpWithGatewaysRoutesAndConfiguredRoutes) {
+  SetGw("wireless", "10.64.0.1", NORMAL, 2, "wwan0");
+  SetGw("wired", "192.168.1.1", DEFAULT, 4294967295u, "eth1");
+  SetGw("vpn", "10.8.0.1", 7, 1, "tun0");
+  SetRoute(1, "192.168.9.77", "255.255.255.0", "10.0.0.1", "cam", "192.168.9.1", "eth3", 12);
+  ReachConfigApplied({});
+  std::string text = svc->ToString(" ");
+  std::string const gateways =
+      " - m_Gateways:             3 Entries\n"
+      "  - cGWEntry:\n"
+      "   - Gateway Tag:   vpn\n"
+      "   - m_gatewayIP:   10.8.0.1\n"
+      "   - m_gatewayIF:   tun0\n"
+      "   - m_gatewayPrio: 1\n"
+      "   - m_gatewayType: UNKNOWN(7)\n"
+      "  - cGWEntry:\n"
+      "   - Gateway Tag:   wired\n"
+      "   - m_gatewayIP:   192.168.1.1\n"
+      "   - m_gatewayIF:   eth1\n"
+      "   - m_gatewayPrio: -1\n"
+      "   - m_gatewayType: DEFAULT\n"
+      "  - cGWEntry:\n"
+      "   - Gateway Tag:   wireless\n"
+      "   - m_gatewayIP:   10.64.0.1\n"
+      "   - m_gatewayIF:   wwan0\n"
+      "   - m_gatewayPrio: 2\n"
+      "   - m_gatewayType: NORMAL\n"
+      " - m_Routes:               1 Entries\n"
+      "  - cRouteEntry:\n"
+      "   - Route Tag:           cam\n"
+      "   - Network:             192.168.9.77/255.255.255.0\n"
+      "   - m_gatewayIP:         10.0.0.1\n"
+      "   - m_preferredSourceIP: 192.168.9.1\n"
+      "   - m_gatewayIF:         eth3\n"
+      "   - m_routePrio:         12\n"
+      " - Routes By Config:       EMPTY\n";
+  EXPECT_NE(text.find(gateways), std::string::npos) << text;
+  EXPECT_NE(text.find(" - m_RoutingCollection:    IS SYNCED "
+                      "(/Config/Network/WanSetups/dsl/Routing/)\n"),
+            std::string::npos)
+      << text;
+
+  SyncRouting({{"office", "10.10.0.0", "255.255.0.0", 1}});
+  text = svc->ToString(" ");
+  auto at = text.find(" - Routes By Config:       1 Entries\n  - office:");
+  ASSERT_NE(at, std::string::npos) << text;
+  EXPECT_EQ(text.back(), '\n');
+}
+
+TEST_F(ServiceTest, DumpSourcesAndFailures) {
+  TempDir dir;
+  struct Case {
+    int source;
+    char const* line;
+  } cases[] = {{1, "- Dumpsource: SIG_REQ\n"},
+               {2, "- Dumpsource: SRV_REQ\n"},
+               {7, "- Dumpsource: UNKNOWN (7)\n"}};
+  for (auto const& c : cases) {
+    WriteDump(svc.get(), c.source, dir.path + "/");  // a trailing slash is harmless
+    std::string text = ReadFile(dir.path + "/routemgr.dmp");
+    EXPECT_EQ(text.substr(0, 25 + std::string(c.line).size()),
+              std::string("--- ROUTEMGR LR-DUMP ---\n") + c.line);
+  }
+  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string("/nonexistent/dir")));
+  EXPECT_EQ(access("/nonexistent/dir/routemgr.dmp", F_OK), -1);
+  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(dir.path)));
+  EXPECT_EQ(ReadFile(dir.path + "/routemgr.dmp").substr(25, 22), "- Dumpsource: SRV_REQ\n");
+}
