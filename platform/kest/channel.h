@@ -85,8 +85,8 @@ class cChannel {
     bool Serialize(cSerializeBuffer& b) const override { return addr.Serialize(b); }
     bool Deserialize(cSerializeBuffer& b) override { return addr.Deserialize(b); }
     std::string ToString(std::string const&) const override { return text; }
-    using ISerialize::Serialize;
     using ISerialize::Deserialize;
+    using ISerialize::Serialize;
   } m_peerInfo;
   std::string m_peerText;
   IChannelHandler* m_handler;

@@ -55,14 +55,12 @@ bool cServer::Listen(std::string const& accessPoint, std::string& error) {
   m_listenFd = fd;
   m_unixPath = isUnix ? m_ap.path : std::string();
   Loop().WatchFd(fd, EPOLLIN, [this](std::uint32_t) { Accept(); });
-  cAccessPoint bound = m_ap;
-  bound.port = BoundPort();
   if (isUnix || m_ap.IsLoopback()) {
-    KEST_TRACE(m_module, kTransportInfo, "listening on %s", bound.ToString().c_str());
+    KEST_TRACE(m_module, kTransportInfo, "listening on %s", Where().c_str());
   } else {
     KEST_TRACE(m_module, kTransportInfo,
                "listening on %s, which is not a loopback address: other hosts can connect",
-               bound.ToString().c_str());
+               Where().c_str());
   }
   return true;
 }
@@ -88,7 +86,8 @@ int cServer::OpenListener(std::string& why) {
     return -1;
   };
   if (isUnix && !PrepareUnixPath(m_ap.path, why)) return fail(why, false);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0) return fail("bind: " + Errno(errno), false);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&sa), len) != 0)
+    return fail("bind: " + Errno(errno), false);
   if (isUnix && !SetUnixAccess(m_ap.path, why)) return fail(why, true);
   if (listen(fd, kBacklog) != 0) return fail("listen: " + Errno(errno), isUnix);
   return fd;
@@ -139,8 +138,7 @@ bool cServer::SetUnixAccess(std::string const& path, std::string& why) {
     gid = g->gr_gid;
   }
   if (chown(path.c_str(), static_cast<uid_t>(-1), gid) != 0) {
-    why = FormatString("chown to group %s: %s", m_limits.socketGroup.c_str(),
-                       Errno(errno).c_str());
+    why = FormatString("chown to group %s: %s", m_limits.socketGroup.c_str(), Errno(errno).c_str());
     return false;
   }
   return true;
@@ -154,6 +152,12 @@ std::uint16_t cServer::BoundPort() const {
   return ntohs(in.sin_port);
 }
 
+std::string cServer::Where() const {
+  cAccessPoint bound = m_ap;
+  if (bound.kind == cAccessPoint::kTcp) bound.port = BoundPort();
+  return bound.ToString();
+}
+
 void cServer::Accept() {
   while (m_listenFd >= 0) {
     int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -162,8 +166,7 @@ void cServer::Accept() {
       if (err == EINTR || err == ECONNABORTED) continue;
       if (err == EAGAIN || err == EWOULDBLOCK) return;
       KEST_TRACE(m_module, kTransportError, "cannot accept on %s (%s); pausing for %u ms",
-                 m_ap.ToString().c_str(), Errno(err).c_str(),
-                 static_cast<unsigned>(kAcceptPauseMs));
+                 Where().c_str(), Errno(err).c_str(), static_cast<unsigned>(kAcceptPauseMs));
       PauseAccepting();
       return;
     }
@@ -185,7 +188,7 @@ bool cServer::Admit(int fd, std::string const& peer) {
   if (m_channels.size() >= m_limits.maxConnections) {
     KEST_TRACE(m_module, kTransportError,
                "refusing connection from %s on %s: %zu connections open, the limit", peer.c_str(),
-               m_ap.ToString().c_str(), m_channels.size());
+               Where().c_str(), m_channels.size());
     return false;
   }
   if (m_ap.kind != cAccessPoint::kUnix ||
@@ -196,14 +199,13 @@ bool cServer::Admit(int fd, std::string const& peer) {
   socklen_t len = sizeof cred;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
     KEST_TRACE(m_module, kTransportError, "refusing connection on %s: no peer credentials (%s)",
-               m_ap.ToString().c_str(), Errno(errno).c_str());
+               Where().c_str(), Errno(errno).c_str());
     return false;
   }
   if (m_limits.allowUids.count(cred.uid) || m_limits.allowGids.count(cred.gid)) return true;
   KEST_TRACE(m_module, kTransportError,
              "refusing connection from %s on %s: uid %u gid %u not allowed", peer.c_str(),
-             m_ap.ToString().c_str(), static_cast<unsigned>(cred.uid),
-             static_cast<unsigned>(cred.gid));
+             Where().c_str(), static_cast<unsigned>(cred.uid), static_cast<unsigned>(cred.gid));
   return false;
 }
 

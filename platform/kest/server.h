@@ -26,11 +26,11 @@ class IServerHandler {
 };
 
 struct cServerLimits {
-  std::size_t maxConnections = 64;                   // the next one is refused with a trace
+  std::size_t maxConnections = 64;  // the next one is refused with a trace
   std::size_t sendLimit = cChannel::kDefaultSendLimit;
-  unsigned socketMode = 0660;                        // Unix sockets only
-  std::string socketGroup;                           // Unix sockets only; empty = keep
-  std::set<unsigned> allowUids, allowGids;           // Unix sockets only; both empty = anyone
+  unsigned socketMode = 0660;               // Unix sockets only
+  std::string socketGroup;                  // Unix sockets only; empty = keep
+  std::set<unsigned> allowUids, allowGids;  // Unix sockets only; both empty = anyone
 };
 
 class cServer : private IChannelHandler {
@@ -59,6 +59,7 @@ class cServer : private IChannelHandler {
   bool PrepareUnixPath(std::string const& path, std::string& why);
   bool SetUnixAccess(std::string const& path, std::string& why);
   void PauseAccepting();
+  std::string Where() const;  // the access point with the real port
 
   cService* m_service;
   IServerHandler* m_handler;

@@ -18,11 +18,16 @@ namespace kest {
 namespace clienterr {
 char const* Name(int code) {
   switch (code) {
-    case kNotConnected: return "not connected";
-    case kTimeout: return "timeout";
-    case kProtocol: return "protocol error";
-    case kConnectionLost: return "connection lost";
-    default: return nullptr;
+    case kNotConnected:
+      return "not connected";
+    case kTimeout:
+      return "timeout";
+    case kProtocol:
+      return "protocol error";
+    case kConnectionLost:
+      return "connection lost";
+    default:
+      return nullptr;
   }
 }
 }  // namespace clienterr
@@ -67,8 +72,7 @@ bool cServiceClient::Start() {
   if (m_started) return true;
   std::string error;
   if (!cAccessPoint::Parse(m_accessPoint, m_ap, error)) {
-    KEST_TRACE(kTransportModule, kTransportError, "service client cannot start: %s",
-               error.c_str());
+    KEST_TRACE(kTransportModule, kTransportError, "service client cannot start: %s", error.c_str());
     return false;
   }
   m_started = true;
@@ -264,8 +268,8 @@ int cServiceClient::Request(std::uint16_t op, cSerializeBuffer const& body,
                m_accessPoint.c_str(), m_timeoutMs);
     if (m_channel) m_channel->Close("request timed out");
   } else if (rc == clienterr::kConnectionLost) {
-    KEST_TRACE(kTransportModule, kTransportError, "request op %u to %s failed: connection lost",
-               op, m_accessPoint.c_str());
+    KEST_TRACE(kTransportModule, kTransportError, "request op %u to %s failed: connection lost", op,
+               m_accessPoint.c_str());
   }
   return rc;
 }

@@ -1,8 +1,7 @@
-#include "kest/service_client.h"
-
 #include <algorithm>
 
 #include "kest/message.h"
+#include "kest/service_client.h"
 
 namespace kest {
 
