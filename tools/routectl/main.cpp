@@ -13,6 +13,7 @@
 
 #include "routeIO/route_client.h"
 #include "routectl/command.h"
+#include "routectl/hal_table.h"
 #include "routectl/line_reader.h"
 #include "routectl/options.h"
 #include "routectl/session.h"
@@ -113,6 +114,17 @@ int main(int argc, char** argv) {
   }
   if (o.action == routectl::cOptions::kVersion) {
     std::fputs(routectl::VersionText().c_str(), stdout);
+    return 0;
+  }
+
+  if (o.action == routectl::cOptions::kHalTable) {
+    std::vector<std::string> lines;
+    if (!routectl::FetchHalTable(o.hal, o.timeoutMs, lines, error)) {
+      std::fprintf(stderr, "routectl: cannot list the HAL proxy's table at %s: %s\n",
+                   o.hal.c_str(), error.c_str());
+      return kExitFailed;
+    }
+    for (auto const& l : lines) PutLine(stdout, l);
     return 0;
   }
 

@@ -61,6 +61,12 @@ bool ParseOptions(std::vector<std::string> const& args, cOptions& out, std::stri
       out.json = true;
     } else if (a == "--hold") {
       out.hold = true;
+    } else if (a == "--hal-table") {
+      out.action = cOptions::kHalTable;
+    } else if (a == "--hal") {
+      if (!value(a, out.hal)) return false;
+      kest::cAccessPoint ap;
+      if (!kest::cAccessPoint::Parse(out.hal, ap, error)) return false;
     } else if (a == "--strict") {
       out.strict = true;
     } else if (a == "-b" || a == "--batch") {
@@ -89,6 +95,13 @@ bool ParseOptions(std::vector<std::string> const& args, cOptions& out, std::stri
     }
   }
   out.words.assign(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
+  if (out.action == cOptions::kHalTable) {
+    if (!out.words.empty() || !out.batch.empty()) {
+      error = "--hal-table takes no command";
+      return false;
+    }
+    return true;
+  }
   if (!out.batch.empty() && !out.words.empty()) {
     error = "give either -b FILE or a command, not both";
     return false;
@@ -103,6 +116,7 @@ bool ParseOptions(std::vector<std::string> const& args, cOptions& out, std::stri
 std::string HelpText() {
   return R"(Usage: routectl [OPTIONS] COMMAND
        routectl [OPTIONS] -b FILE
+       routectl [--hal ADDR:PORT] --hal-table
 
 Talks to the route manager as a route client: announces gateways and sets
 custom routes.
@@ -134,6 +148,9 @@ Options:
       --strict             stop at the first malformed input line
       --timeout MS         wait at most MS for each answer (default 10000)
       --wait SECONDS       retry a refused connection this long (default 0)
+      --hal-table          print the HAL proxy's table of installed routes
+                           (what the route manager has had installed) and exit
+      --hal ADDR:PORT      the HAL proxy's access point (default 127.0.0.1:3710)
   -h, --help               this text
   -V, --version            the version
 

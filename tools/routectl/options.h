@@ -7,9 +7,10 @@
 namespace routectl {
 
 struct cOptions {
-  enum Action { kRun, kHelp, kVersion };
+  enum Action { kRun, kHelp, kVersion, kHalTable };
   Action action = kRun;
   std::string server = "127.0.0.1:3712";  // the route library's default access point
+  std::string hal = "127.0.0.1:3710";     // the HAL proxy, for --hal-table
   std::string batch;                      // -b FILE; "-" is standard input; "" none
   bool hold = false;
   bool json = false;
