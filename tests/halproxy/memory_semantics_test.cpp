@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,8 @@ struct Case {
   std::vector<Step> steps;
   std::vector<std::string> table;
 };
+
+void PrintTo(Case const& c, std::ostream* os) { *os << c.name; }
 
 class MemorySemantics : public ::testing::TestWithParam<Case> {};
 

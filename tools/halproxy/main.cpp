@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "kest/loop.h"
 #include "kest/server.h"
 #include "kest/service.h"
 #include "log.h"
@@ -39,6 +40,9 @@ int main(int argc, char** argv) {
   kest::cTracepoint::SetMaxLevel(MaxLevelFor(opt.logLevel));
   // A peer that hangs up must cost an error value, not the process.
   std::signal(SIGPIPE, SIG_IGN);
+  // From here on SIGTERM and SIGINT end the loop (once it runs) instead of
+  // the process, also when they come before the loop has started.
+  kest::Loop().InstallStopSignals();
 
   std::unique_ptr<IRouteBackend> backend;
   char const* backendName = "memory";
