@@ -191,18 +191,6 @@ TEST_F(HalClientTest, AnswerThatIsNoResultGivesProtocolError) {
   client.Stop();
 }
 
-TEST_F(HalClientTest, ResultOfTheProxyIsReturnedUnchanged) {
-  kest::cSerializeBuffer body;
-  EncodeResult(-101, body);
-  AnswerOnceWith(body.Bytes());
-  cHalClient client(&m_service, &m_callbacks, 2000, AccessPoint());
-  ASSERT_TRUE(client.Start());
-  ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
-  EXPECT_EQ(-101, client.ConfigureIPGateway("10.1.0.0", "255.255.0.0", "192.168.1.1", "0.0.0.0",
-                                            "eth1", 0, true));
-  client.Stop();
-}
-
 TEST(HalLibrary, InitAndDeinitAreHarmless) {
   EXPECT_TRUE(halInit());
   halDeinit();
