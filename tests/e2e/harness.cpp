@@ -23,8 +23,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // In the child, between fork and exec: only async-signal-safe calls.
-[[noreturn]] void ExecChild(std::vector<char*> const& argv, char const* in, char const* out,
-                            char const* err) {
+[[noreturn]] void ExecChild(std::vector<char*> const& argv, std::vector<char*> const& envp,
+                            char const* in, char const* out, char const* err) {
   setpgid(0, 0);  // a Ctrl-C at the terminal is for the test runner, not its children
   sigset_t none;
   sigemptyset(&none);
@@ -37,17 +37,33 @@ using Clock = std::chrono::steady_clock;
   dup2(fdIn, 0);
   dup2(fdOut, 1);
   dup2(fdErr, 2);
-  execv(argv[0], argv.data());
+  execve(argv[0], argv.data(), envp.data());
   _exit(127);
 }
 
-pid_t Spawn(std::vector<std::string> const& args, std::string const& in, std::string const& out,
-            std::string const& err) {
-  std::vector<char*> argv;
+pid_t Spawn(std::vector<std::string> const& args, std::vector<std::string> const& env,
+            std::string const& in, std::string const& out, std::string const& err) {
+  // Everything the child needs is built before fork: after it, only
+  // async-signal-safe calls.
+  std::vector<char*> argv, envp;
   for (auto const& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
+  // The runner's own init system must not hear from our daemons.
+  auto dropped = [&](char const* entry) {
+    for (char const* name : {"NOTIFY_SOCKET=", "WATCHDOG_USEC=", "WATCHDOG_PID="})
+      if (std::strncmp(entry, name, std::strlen(name)) == 0) return true;
+    for (auto const& e : env)
+      if (std::strncmp(entry, e.c_str(), e.find('=') + 1) == 0) return true;
+    return false;
+  };
+  for (char** e = environ; *e != nullptr; ++e)
+    if (!dropped(*e)) envp.push_back(*e);
+  for (auto const& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+  envp.push_back(nullptr);
   pid_t pid = fork();
-  if (pid == 0) ExecChild(argv, in.c_str(), out.c_str(), out == err ? out.c_str() : err.c_str());
+  if (pid == 0) {
+    ExecChild(argv, envp, in.c_str(), out.c_str(), out == err ? out.c_str() : err.c_str());
+  }
   return pid;
 }
 
@@ -136,7 +152,7 @@ cProcess::~cProcess() { Stop(); }
 bool cProcess::Start() {
   if (m_pid > 0) return false;
   m_status = -1000;
-  m_pid = Spawn(m_argv, "/dev/null", m_log, m_log);
+  m_pid = Spawn(m_argv, m_env, "/dev/null", m_log, m_log);
   return m_pid > 0;
 }
 
@@ -195,7 +211,7 @@ cToolRun RunTool(std::vector<std::string> const& argv, std::string const& filesB
   }
   unlink(out.c_str());
   unlink(err.c_str());
-  pid_t pid = Spawn(argv, in, out, err);
+  pid_t pid = Spawn(argv, {}, in, out, err);
   if (pid < 0) return run;
   int status = 0;
   bool done = PollUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs, 5);

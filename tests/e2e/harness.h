@@ -50,6 +50,8 @@ class cProcess {
   cProcess(const cProcess&) = delete;
   cProcess& operator=(const cProcess&) = delete;
 
+  // Extra "NAME=value" entries for its environment; before Start().
+  void AddEnv(std::string entry) { m_env.push_back(std::move(entry)); }
   bool Start();
   // SIGTERM, then SIGKILL after timeoutMs. The exit status as Status() says.
   int Stop(int timeoutMs = kStopTimeoutMs);
@@ -73,6 +75,7 @@ class cProcess {
 
   std::string m_name;
   std::vector<std::string> m_argv;
+  std::vector<std::string> m_env;
   std::string m_log;
   pid_t m_pid = -1;
   int m_status = -1000;

@@ -3,6 +3,11 @@
 // the steps that need no refresh, so the suite stays quick.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <fstream>
 
 #include "e2e/stack.h"
@@ -84,6 +89,50 @@ TEST(E2eStack, RouteClientsGatewaysAndConfigurationReachTheHalProxy) {
   EXPECT_EQ(stack.route->Stop(), 0);
   EXPECT_EQ(stack.route->CountInLog("cRouteMgrService::connected to scm"), 1);
   EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
+}
+
+// The systemd unit runs routemgr as Type=notify with a watchdog: it must say
+// when it is ready, keep the watchdog fed and say when it stops.
+TEST(E2eStack, RouteMgrTalksToTheInitSystem) {
+  cStack stack;
+  ASSERT_TRUE(stack.StartHal() && stack.StartDataMgr());
+  std::string const path = stack.Dir() + "/notify";
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  ASSERT_GE(fd, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strncpy(sa.sun_path, path.c_str(), sizeof(sa.sun_path) - 1);
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
+  std::string received;
+  auto receive = [&] {
+    char buf[512];
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof(buf), 0)) > 0) received.append(buf, n).append("\n");
+  };
+  auto heard = [&](std::string const& what, int times) {
+    return PollUntil([&] {
+      receive();
+      int n = 0;
+      for (auto pos = received.find(what); pos != std::string::npos; pos = received.find(what, pos + 1))
+        ++n;
+      return n >= times;
+    }, kStartTimeoutMs);
+  };
+
+  stack.route = std::make_unique<cProcess>(
+      "routemgr",
+      std::vector<std::string>{ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + stack.HalSap(),
+                               "--prop", "system.customDataMgrSap=" + stack.DataSap(), "--prop",
+                               "system.routeMgrSap=" + stack.RouteSap()},
+      stack.Dir() + "/routemgr-notify.log");
+  stack.route->AddEnv("NOTIFY_SOCKET=" + path);
+  stack.route->AddEnv("WATCHDOG_USEC=200000");  // fed every 100 ms
+  ASSERT_TRUE(stack.route->Start());
+  EXPECT_TRUE(heard("READY=1", 1)) << received;
+  EXPECT_TRUE(heard("WATCHDOG=1", 3)) << received;
+  EXPECT_EQ(stack.route->Stop(), 0);
+  EXPECT_TRUE(heard("STOPPING=1", 1)) << received;
+  close(fd);
 }
 
 }  // namespace

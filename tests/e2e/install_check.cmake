@@ -1,0 +1,48 @@
+# Installs the build tree into a scratch prefix and checks that the programs,
+# the example configuration and (when packaging is part of the build) the
+# service files land where the documentation says.
+#   cmake -DBUILD_DIR=... -DPREFIX=... -P install_check.cmake
+file(REMOVE_RECURSE ${PREFIX})
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX}
+                RESULT_VARIABLE rc OUTPUT_QUIET ERROR_VARIABLE err)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "cmake --install failed (${rc}): ${err}")
+endif()
+
+set(programs sbin/routemgr sbin/halproxy sbin/datamgr bin/routectl bin/datactl)
+set(files share/routemgr/example-device.json)
+if(EXISTS ${BUILD_DIR}/packaging/cmake_install.cmake)
+  foreach(unit routemgr halproxy datamgr)
+    list(APPEND files lib/systemd/system/${unit}.service)
+    list(APPEND programs share/routemgr/openwrt/init.d/${unit})
+  endforeach()
+  list(APPEND files lib/sysusers.d/routemgr.conf share/routemgr/openwrt/capabilities/halproxy.json)
+else()
+  message(STATUS "packaging/ is not part of this build: service files not checked")
+endif()
+
+set(missing "")
+foreach(f ${programs} ${files})
+  if(NOT EXISTS ${PREFIX}/${f})
+    list(APPEND missing ${f})
+  endif()
+endforeach()
+if(missing)
+  message(FATAL_ERROR "not installed: ${missing}")
+endif()
+foreach(p ${programs})
+  if(NOT IS_DIRECTORY ${PREFIX}/${p})
+    execute_process(COMMAND test -x ${PREFIX}/${p} RESULT_VARIABLE notExec)
+    if(notExec)
+      message(FATAL_ERROR "${p} is installed without execute permission")
+    endif()
+  endif()
+endforeach()
+# The installed programs run from where they are.
+foreach(p sbin/routemgr sbin/halproxy sbin/datamgr bin/routectl)
+  execute_process(COMMAND ${PREFIX}/${p} --version RESULT_VARIABLE rc OUTPUT_QUIET ERROR_QUIET)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${p} --version failed (${rc})")
+  endif()
+endforeach()
+file(REMOVE_RECURSE ${PREFIX})
