@@ -57,14 +57,13 @@ std::string Inconsistency(std::string const& text, int& routes) {
   auto at = [&](std::size_t k) { return k < l.size() ? l[k] : std::string("<end>"); };
   if (at(0) != "--- ROUTEMGR LR-DUMP ---") return "header: " + at(0);
   if (at(1) != "- Dumpsource: SIG_REQ") return "source: " + at(1);
-  char const* const fixed[] = {" - m_dataClient:           CONNECTED (",
-                               " - m_halClient:            CONNECTED (",
-                               " - m_networkStatus:        IS SYNCED (",
-                               " - m_StatusReceived:       TRUE",
-                               " - m_RoutingCollection:    IS SYNCED (",
-                               " - m_ConfigReceived:       TRUE"};
+  char const* const fixed[] = {
+      " - m_dataClient:           CONNECTED (", " - m_halClient:            CONNECTED (",
+      " - m_networkStatus:        IS SYNCED (", " - m_StatusReceived:       TRUE",
+      " - m_RoutingCollection:    IS SYNCED (", " - m_ConfigReceived:       TRUE"};
   for (i = 0; i < 6; ++i)
-    if (at(2 + i).rfind(fixed[i], 0) != 0) return "line " + std::to_string(3 + i) + ": " + at(2 + i);
+    if (at(2 + i).rfind(fixed[i], 0) != 0)
+      return "line " + std::to_string(3 + i) + ": " + at(2 + i);
   i = 8;
   struct {
     char const* label;
@@ -79,7 +78,8 @@ std::string Inconsistency(std::string const& text, int& routes) {
     ++i;
     std::string previous;
     for (int k = 0; k < n; ++k, i += t.lines) {
-      if (at(i) != t.block) return std::string(t.label) + " block " + std::to_string(k) + ": " + at(i);
+      if (at(i) != t.block)
+        return std::string(t.label) + " block " + std::to_string(k) + ": " + at(i);
       std::string tag = at(i + 1).substr(std::string(t.tagLabel).size());
       if (at(i + 1).rfind(t.tagLabel, 0) != 0 || (k > 0 && !(previous < tag)))
         return "tag order: " + at(i + 1);
@@ -101,20 +101,23 @@ std::string Inconsistency(std::string const& text, int& routes) {
 TEST(E2eDump, SignalWritesTheStateDump) {
   cStack stack;
   ASSERT_TRUE(stack.Start());
-  ASSERT_EQ(stack.Routectl({"-b", "-"}, "gateway set wired 192.168.1.254 dev eth1 type default "
-                                        "metric 5\ngateway set vpn 10.8.0.1 dev tun0 metric 7\n")
+  ASSERT_EQ(stack
+                .Routectl({"-b", "-"},
+                          "gateway set wired 192.168.1.254 dev eth1 type default "
+                          "metric 5\ngateway set vpn 10.8.0.1 dev tun0 metric 7\n")
                 .out,
             "ok\nok\n");
   routeIO::cRouteClient client;
   std::string error;
   ASSERT_TRUE(client.Connect(stack.RouteSap(), 3000, error)) << error;
   // Host bits set: the dump shows the network as given.
-  ASSERT_EQ(client
-                .SetRoute(kest::s_socket_addr("10.20.0.77", 0), kest::s_socket_addr("255.255.0.0", 0),
-                          kest::s_socket_addr("192.168.1.1", 0), kest::s_socket_addr("192.168.1.20", 0),
-                          "eth1", "backup", 4)
-                .rc,
-            0);
+  ASSERT_EQ(
+      client
+          .SetRoute(kest::s_socket_addr("10.20.0.77", 0), kest::s_socket_addr("255.255.0.0", 0),
+                    kest::s_socket_addr("192.168.1.1", 0), kest::s_socket_addr("192.168.1.20", 0),
+                    "eth1", "backup", 4)
+          .rc,
+      0);
 
   std::string dump = FreshDump(stack);
   ASSERT_FALSE(dump.empty()) << "no dump from routemgr in " << kDumpFile;
@@ -149,9 +152,11 @@ TEST(E2eDump, SignalWritesTheStateDump) {
 
   // The route goes with its client, and the next dump says so.
   client.Close();
-  EXPECT_TRUE(PollUntil([&] { return FreshDump(stack).find(" - m_Routes:               EMPTY\n") !=
-                                     std::string::npos; },
-                        kDumpTimeoutMs));
+  EXPECT_TRUE(PollUntil(
+      [&] {
+        return FreshDump(stack).find(" - m_Routes:               EMPTY\n") != std::string::npos;
+      },
+      kDumpTimeoutMs));
 }
 
 TEST(E2eDump, SignalUnderLoadWritesConsistentDumps) {

@@ -130,7 +130,8 @@ std::vector<std::string> SplitLines(std::string const& text) {
 
 cTempDir::cTempDir() {
   char const* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/rm-e2e-XXXXXX";
+  std::string tmpl =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/rm-e2e-XXXXXX";
   std::vector<char> buf(tmpl.begin(), tmpl.end());
   buf.push_back('\0');
   if (mkdtemp(buf.data()) != nullptr) m_path = buf.data();

@@ -95,13 +95,17 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   EXPECT_TRUE(PollUntil([&] { return ns.Has("192.168.50.0/24 via 192.168.1.254 dev eth1"); }, 3000))
       << testing::PrintToString(ns.Routes());
 
-  cToolRun r = stack.Routectl({"-b", "-"}, "gateway set wired 192.168.1.254 dev eth1 type default "
-                                           "metric 5\n"
-                                           "gateway set wireless 10.64.0.1 dev wwan0\n");
+  cToolRun r = stack.Routectl({"-b", "-"},
+                              "gateway set wired 192.168.1.254 dev eth1 type default "
+                              "metric 5\n"
+                              "gateway set wireless 10.64.0.1 dev wwan0\n");
   EXPECT_EQ(r.out, "ok\nok\n") << r.err;
-  EXPECT_TRUE(PollUntil([&] { return ns.Has("default via 192.168.1.254 dev eth1") &&
-                                     ns.Has("172.16.0.0/12 via 10.64.0.1 dev wwan0"); },
-                        3000))
+  EXPECT_TRUE(PollUntil(
+      [&] {
+        return ns.Has("default via 192.168.1.254 dev eth1") &&
+               ns.Has("172.16.0.0/12 via 10.64.0.1 dev wwan0");
+      },
+      3000))
       << testing::PrintToString(ns.Routes());
 
   std::string batch = stack.Dir() + "/held.txt";

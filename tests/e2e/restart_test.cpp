@@ -25,8 +25,8 @@ routeIO::routeResult SetRoute(routeIO::cRouteClient& client, char const* tag, ch
 TEST(E2eRestart, HalProxyRestartedEmptyGetsEveryRouteBackWithinOneRefresh) {
   cStack stack;
   ASSERT_TRUE(stack.Start());
-  cToolRun r = stack.Routectl(
-      {"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type", "default", "metric", "5"});
+  cToolRun r = stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                               "default", "metric", "5"});
   ASSERT_EQ(r.out, "ok\n");
   std::string batch = stack.Dir() + "/held.txt";
   std::ofstream(batch) << "route set held 10.20.0.0/16 via 192.168.1.1 dev eth1\n";

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "routectl/hal_table.h"
 
@@ -19,6 +20,17 @@ bool Contains(std::vector<std::string> const& lines, std::string const& line) {
 
 // Enough of each log to see what went wrong without drowning the report.
 constexpr std::size_t kTailLines = 40;
+
+// Under user-mode emulation of the target (cross builds) a test program
+// cannot start the other target programs: every test skips itself.
+class cSkipWhenEmulated : public ::testing::Environment {
+  void SetUp() override {
+    if (std::getenv("ROUTEMGR_EMULATED") != nullptr)
+      GTEST_SKIP() << "end-to-end tests start other programs: not under emulation";
+  }
+};
+[[maybe_unused]] ::testing::Environment* const g_skipWhenEmulated =
+    ::testing::AddGlobalTestEnvironment(new cSkipWhenEmulated);
 
 }  // namespace
 
@@ -41,7 +53,8 @@ cStack::~cStack() {
     std::vector<std::string> lines = SplitLines(ReadFile(path));
     std::size_t from = lines.size() > kTailLines ? lines.size() - kTailLines : 0;
     std::fprintf(stderr, "----- %s (last %zu lines) -----\n", path.c_str(), lines.size() - from);
-    for (std::size_t i = from; i < lines.size(); ++i) std::fprintf(stderr, "%s\n", lines[i].c_str());
+    for (std::size_t i = from; i < lines.size(); ++i)
+      std::fprintf(stderr, "%s\n", lines[i].c_str());
   }
 }
 

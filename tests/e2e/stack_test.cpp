@@ -1,16 +1,15 @@
 // The system as a user meets it: routectl and datactl against halproxy,
 // datamgr and routemgr, checked in the HAL proxy's table. One stack for all
 // the steps that need no refresh, so the suite stays quick.
-#include <gtest/gtest.h>
+#include "e2e/stack.h"
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <fstream>
-
-#include "e2e/stack.h"
 
 namespace e2e {
 namespace {
@@ -35,8 +34,8 @@ TEST(E2eStack, RouteClientsGatewaysAndConfigurationReachTheHalProxy) {
   // Setup "dsl" is in force: its route with a gateway of its own needs no WAN.
   EXPECT_TRUE(stack.WaitTable({example::kMgmtRoute})) << testing::PrintToString(stack.HalTable());
 
-  cToolRun r = stack.Routectl(
-      {"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type", "default", "metric", "5"});
+  cToolRun r = stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                               "default", "metric", "5"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "ok\n");
   EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
@@ -76,10 +75,11 @@ TEST(E2eStack, RouteClientsGatewaysAndConfigurationReachTheHalProxy) {
 
   // Batch from standard input: one answer a command, malformed lines named,
   // and the routes gone once the input ends.
-  r = stack.Routectl({"-b", "-"}, "route set c 10.22.0.0/16 via 192.168.1.1\n"
-                                  "route del nothing-here\n"
-                                  "route set broken 10.0.0.0/8\n"
-                                  "gateway set vpn 10.8.0.1 dev tun0 metric 7\n");
+  r = stack.Routectl({"-b", "-"},
+                     "route set c 10.22.0.0/16 via 192.168.1.1\n"
+                     "route del nothing-here\n"
+                     "route set broken 10.0.0.0/8\n"
+                     "gateway set vpn 10.8.0.1 dev tun0 metric 7\n");
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.out, "ok\nrc=-100 unknown tag\nok\n");
   EXPECT_NE(r.err.find("line 3: 'via GW' is missing"), std::string::npos) << r.err;
@@ -110,13 +110,16 @@ TEST(E2eStack, RouteMgrTalksToTheInitSystem) {
     while ((n = recv(fd, buf, sizeof(buf), 0)) > 0) received.append(buf, n).append("\n");
   };
   auto heard = [&](std::string const& what, int times) {
-    return PollUntil([&] {
-      receive();
-      int n = 0;
-      for (auto pos = received.find(what); pos != std::string::npos; pos = received.find(what, pos + 1))
-        ++n;
-      return n >= times;
-    }, kStartTimeoutMs);
+    return PollUntil(
+        [&] {
+          receive();
+          int n = 0;
+          for (auto pos = received.find(what); pos != std::string::npos;
+               pos = received.find(what, pos + 1))
+            ++n;
+          return n >= times;
+        },
+        kStartTimeoutMs);
   };
 
   stack.route = std::make_unique<cProcess>(

@@ -21,8 +21,8 @@ std::string Show(routectl::cParsed const& p) {
              " type=" + std::to_string(c.type) + " prio=" + std::to_string(c.priority);
     }
     std::string operator()(cSetRouteCmd const& c) const {
-      return "SetRoute " + c.tag + " " + c.network.GetIPString() + "/" +
-             c.netmask.GetIPString() + " via " + c.gateway.GetIPString() + " dev=" + c.ifname +
+      return "SetRoute " + c.tag + " " + c.network.GetIPString() + "/" + c.netmask.GetIPString() +
+             " via " + c.gateway.GetIPString() + " dev=" + c.ifname +
              " src=" + c.source.GetIPString() + " prio=" + std::to_string(c.priority);
     }
     std::string operator()(cDelGatewayCmd const& c) const { return "DelGateway " + c.tag; }
@@ -51,17 +51,20 @@ TEST(RoutectlParse, AcceptsTheGrammar) {
        "SetRoute backup 10.20.0.0/255.255.0.0 via 192.168.1.1 dev=eth1 src=0.0.0.0 prio=0"},
       {"route set b 192.168.1.77/255.255.255.0 via 10.0.0.1 src 10.0.0.2 metric 3",
        "SetRoute b 192.168.1.77/255.255.255.0 via 10.0.0.1 dev= src=10.0.0.2 prio=3"},
-      {"route add h 8.8.8.8 via 10.0.0.1", "SetRoute h 8.8.8.8/255.255.255.255 via 10.0.0.1 "
-                                           "dev= src=0.0.0.0 prio=0"},
-      {"route set d default via 10.0.0.1", "SetRoute d 0.0.0.0/0.0.0.0 via 10.0.0.1 dev= "
-                                           "src=0.0.0.0 prio=0"},
+      {"route add h 8.8.8.8 via 10.0.0.1",
+       "SetRoute h 8.8.8.8/255.255.255.255 via 10.0.0.1 "
+       "dev= src=0.0.0.0 prio=0"},
+      {"route set d default via 10.0.0.1",
+       "SetRoute d 0.0.0.0/0.0.0.0 via 10.0.0.1 dev= "
+       "src=0.0.0.0 prio=0"},
       {"route set z 10.0.0.0/0 via 10.0.0.1",
        "SetRoute z 10.0.0.0/0.0.0.0 via 10.0.0.1 dev= src=0.0.0.0 prio=0"},
       {"route del backup", "DelRoute backup"},
       {"  \troute   delete  Backup  # comment", "DelRoute Backup"},
       {"route del x#y", "DelRoute x#y"},
-      {"route set t 10.0.0.0/8 via 1.1.1.1\r", "SetRoute t 10.0.0.0/255.0.0.0 via 1.1.1.1 dev= "
-                                               "src=0.0.0.0 prio=0"},
+      {"route set t 10.0.0.0/8 via 1.1.1.1\r",
+       "SetRoute t 10.0.0.0/255.0.0.0 via 1.1.1.1 dev= "
+       "src=0.0.0.0 prio=0"},
       {"", "empty"},
       {"   ", "empty"},
       {"# route del x", "empty"},

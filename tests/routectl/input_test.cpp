@@ -1,10 +1,8 @@
-#include "routectl/options.h"
-
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include "routectl/line_reader.h"
+#include "routectl/options.h"
 
 namespace {
 
@@ -85,7 +83,8 @@ TEST(RoutectlLineReader, SplitsLinesAndSkipsOversizedOnes) {
     got.push_back(r == routectl::cLineReader::kTooLong ? "<too long>" : line.substr(0, 20));
   }
   ::close(fds[0]);
-  EXPECT_EQ(got, (std::vector<std::string>{"one", "", "two\r", "<too long>", "three", "<too long>"}));
+  EXPECT_EQ(got,
+            (std::vector<std::string>{"one", "", "two\r", "<too long>", "three", "<too long>"}));
 }
 
 }  // namespace

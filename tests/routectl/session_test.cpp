@@ -78,8 +78,8 @@ TEST(RoutectlSession, MalformedLineIsReportedAndTheRestStillRuns) {
   EXPECT_TRUE(run.session.Line(4, "gateway set wired 1.1.1.1"));
   run.session.Drain();
   EXPECT_EQ(run.out, (Lines{"ok", "ok"}));
-  EXPECT_EQ(run.err, (Lines{"routectl: line 2: 'via GW' is missing",
-                            "routectl: line 3: line too long"}));
+  EXPECT_EQ(run.err,
+            (Lines{"routectl: line 2: 'via GW' is missing", "routectl: line 3: line too long"}));
   EXPECT_EQ(run.session.ExitStatus(), 2);
 }
 
@@ -96,8 +96,8 @@ TEST(RoutectlSession, StrictStopsAtTheFirstMalformedLineButAnswersWhatWasSent) {
 
 TEST(RoutectlSession, LostConnectionAnswersWhatWasSentAndStops) {
   cRun run;
-  run.link.answers = {{true, 0}, {false, routeerr::kConnectionLost},
-                      {false, routeerr::kConnectionLost}};
+  run.link.answers = {
+      {true, 0}, {false, routeerr::kConnectionLost}, {false, routeerr::kConnectionLost}};
   run.session.Line(1, "route set a 10.0.0.0/8 via 1.1.1.1");
   run.session.Line(2, "route set b 10.0.0.0/8 via 1.1.1.1");
   run.session.Line(3, "route set c 10.0.0.0/8 via 1.1.1.1");
@@ -117,11 +117,13 @@ TEST(RoutectlSession, JsonLinesCarryLineNumbersAndSyntaxErrors) {
   run.session.Line(3, "route set \"q\" 10.0.0.0/8 via 1.1.1.1");
   run.session.Send(0, routeIO::cDelGatewayCmd{"wired"});
   run.session.Drain();
-  EXPECT_EQ(run.out,
-            (Lines{R"j({"line":2,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
-                   R"j({"line":1,"command":"gateway set","tag":"wired","ok":true,"rc":0})j",
-                   R"j({"line":3,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
-                   R"j({"command":"gateway del","tag":"wired","ok":true,"rc":0})j"}));
+  EXPECT_EQ(
+      run.out,
+      (Lines{
+          R"j({"line":2,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
+          R"j({"line":1,"command":"gateway set","tag":"wired","ok":true,"rc":0})j",
+          R"j({"line":3,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
+          R"j({"command":"gateway del","tag":"wired","ok":true,"rc":0})j"}));
 }
 
 TEST(RoutectlAnswer, NamesEachKindOfCode) {

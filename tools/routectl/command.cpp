@@ -155,8 +155,8 @@ cParsed ParseGateway(Words const& w) {
   cmd.type = kTypeNormal;
   cOptionWords o;
   if (!CheckTag(w[2], error) || !TakeAddress("gateway", w[3], cmd.address, error) ||
-      !TakeOptions(w, 4, {"dev", "type", "metric"}, o, error) ||
-      !TakeDev(o, cmd.ifname, error) || !TakeMetric(o, cmd.priority, error))
+      !TakeOptions(w, 4, {"dev", "type", "metric"}, o, error) || !TakeDev(o, cmd.ifname, error) ||
+      !TakeMetric(o, cmd.priority, error))
     return Error(error);
   if (o.hasType) {
     if (o.type == "default") {

@@ -120,8 +120,8 @@ int main(int argc, char** argv) {
   if (o.action == routectl::cOptions::kHalTable) {
     std::vector<std::string> lines;
     if (!routectl::FetchHalTable(o.hal, o.timeoutMs, lines, error)) {
-      std::fprintf(stderr, "routectl: cannot list the HAL proxy's table at %s: %s\n",
-                   o.hal.c_str(), error.c_str());
+      std::fprintf(stderr, "routectl: cannot list the HAL proxy's table at %s: %s\n", o.hal.c_str(),
+                   error.c_str());
       return kExitFailed;
     }
     for (auto const& l : lines) PutLine(stdout, l);

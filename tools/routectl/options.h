@@ -15,8 +15,8 @@ struct cOptions {
   bool hold = false;
   bool json = false;
   bool strict = false;
-  int timeoutMs = 10000;  // per answer; the service waits on the HAL proxy itself
-  int waitMs = 0;         // how long to retry a refused connection
+  int timeoutMs = 10000;           // per answer; the service waits on the HAL proxy itself
+  int waitMs = 0;                  // how long to retry a refused connection
   std::vector<std::string> words;  // the command given on the command line
 };
 

@@ -26,9 +26,12 @@ bool cSession::Line(unsigned number, std::string_view text) {
   if (m_stopped) return false;
   cParsed parsed = ParseLine(text);
   switch (parsed.kind) {
-    case cParsed::kEmpty: return true;
-    case cParsed::kError: return Malformed(number, parsed.error);
-    case cParsed::kCommand: break;
+    case cParsed::kEmpty:
+      return true;
+    case cParsed::kError:
+      return Malformed(number, parsed.error);
+    case cParsed::kCommand:
+      break;
   }
   return Send(number, parsed.command);
 }
