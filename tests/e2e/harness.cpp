@@ -84,19 +84,24 @@ bool PollUntil(std::function<bool()> const& cond, int timeoutMs, int stepMs) {
   }
 }
 
-std::uint16_t FreePort() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(sa);
-  std::uint16_t port = 0;
-  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0 &&
-      getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0) {
-    port = ntohs(sa.sin_port);
+std::vector<std::uint16_t> FreePorts(std::size_t n) {
+  // All sockets stay bound until every port is known, so none comes twice.
+  std::vector<int> fds;
+  std::vector<std::uint16_t> ports;
+  for (std::size_t i = 0; i < n; ++i) {
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(sa);
+    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0) {
+      ports.push_back(ntohs(sa.sin_port));
+    }
+    if (fd >= 0) fds.push_back(fd);
   }
-  if (fd >= 0) close(fd);
-  return port;
+  for (int fd : fds) close(fd);
+  return ports;
 }
 
 bool Accepts(std::string const& accessPoint) {

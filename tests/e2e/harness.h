@@ -20,9 +20,9 @@ constexpr int kStopTimeoutMs = 5000;
 // Polls cond every stepMs until it holds or timeoutMs has passed.
 bool PollUntil(std::function<bool()> const& cond, int timeoutMs, int stepMs = 20);
 
-// A port on 127.0.0.1 that was free a moment ago (bound to port 0 by the
-// kernel, then released), so concurrent test runs do not collide.
-std::uint16_t FreePort();
+// n distinct ports on 127.0.0.1 that were free a moment ago (bound to port
+// 0 by the kernel, then released), so concurrent test runs do not collide.
+std::vector<std::uint16_t> FreePorts(std::size_t n);
 // Whether something accepts connections at "a.b.c.d:port" or "unix:/path".
 bool Accepts(std::string const& accessPoint);
 

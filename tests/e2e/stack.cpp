@@ -37,9 +37,12 @@ class cSkipWhenEmulated : public ::testing::Environment {
 cStack::cStack() : cStack(cOptions{}) {}
 
 cStack::cStack(cOptions options) : m_options(std::move(options)) {
-  m_halSap = m_options.halOnUnixSocket ? "unix:" + Dir() + "/hal.sock" : Loopback(FreePort());
-  m_dataSap = Loopback(FreePort());
-  m_routeSap = Loopback(FreePort());
+  std::vector<std::uint16_t> ports = FreePorts(3);
+  if (ports.size() != 3) ADD_FAILURE() << "no free loopback ports";
+  ports.resize(3, 0);
+  m_halSap = m_options.halOnUnixSocket ? "unix:" + Dir() + "/hal.sock" : Loopback(ports[0]);
+  m_dataSap = Loopback(ports[1]);
+  m_routeSap = Loopback(ports[2]);
 }
 
 cStack::~cStack() {

@@ -46,7 +46,7 @@ class cStack {
   std::vector<std::string> HalTable() const;
   // Waits until the table holds every one of want and none of unwanted.
   bool WaitTable(std::vector<std::string> const& want,
-                 std::vector<std::string> const& unwanted = {}, int timeoutMs = 3000) const;
+                 std::vector<std::string> const& unwanted = {}, int timeoutMs = 5000) const;
 
   // routectl against this stack's route service (arguments after --server).
   cToolRun Routectl(std::vector<std::string> const& args, std::string const& input = "");
