@@ -1,6 +1,7 @@
 #include "kest/server.h"
 
 #include <grp.h>
+#include <pwd.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
@@ -25,7 +26,84 @@ constexpr std::uint64_t kAcceptPauseMs = 100;
 
 std::string Errno(int err) { return FormatString("errno:%d/%s", err, std::strerror(err)); }
 
+// Numbers need not exist in the user database; 4294967295 is "no id" to the
+// kernel and never a peer's.
+bool LookUpId(std::string const& item, bool groups, std::set<unsigned>& ids) {
+  if (item.find_first_not_of("0123456789") == std::string::npos) {
+    std::size_t n = 0;
+    std::string ignored;
+    if (!ParseCount(item, 0, n, ignored) || n == 0xFFFFFFFFu) return false;
+    ids.insert(static_cast<unsigned>(n));
+    return true;
+  }
+  if (groups) {
+    group* g = getgrnam(item.c_str());
+    if (g) ids.insert(static_cast<unsigned>(g->gr_gid));
+    return g != nullptr;
+  }
+  passwd* p = getpwnam(item.c_str());
+  if (p) ids.insert(static_cast<unsigned>(p->pw_uid));
+  return p != nullptr;
+}
+
 }  // namespace
+
+bool ParseSocketMode(std::string const& text, unsigned& mode, std::string& error) {
+  unsigned v = 0;
+  bool ok = !text.empty() && text.size() <= 4;
+  for (char c : text) {
+    ok = ok && c >= '0' && c <= '7';
+    v = v * 8 + static_cast<unsigned>(c - '0');
+  }
+  if (!ok || v > 0777) {
+    error = FormatString("bad socket mode \"%s\" (expected octal permission bits such as 0660)",
+                         text.c_str());
+    return false;
+  }
+  mode = v;
+  return true;
+}
+
+bool ParseIdList(std::string const& text, bool groups, std::set<unsigned>& ids,
+                 std::string& error) {
+  char const* what = groups ? "group" : "user";
+  std::set<unsigned> found;
+  if (text.empty()) return true;
+  for (std::size_t start = 0;;) {
+    std::size_t comma = text.find(',', start);
+    std::string item = text.substr(start, comma == std::string::npos ? comma : comma - start);
+    std::size_t b = item.find_first_not_of(" \t"), e = item.find_last_not_of(" \t");
+    item = b == std::string::npos ? std::string() : item.substr(b, e - b + 1);
+    if (item.empty()) {
+      error = FormatString("empty entry in the %s list \"%s\"", what, text.c_str());
+      return false;
+    }
+    if (!LookUpId(item, groups, found)) {
+      error = FormatString("unknown %s \"%s\" in \"%s\"", what, item.c_str(), text.c_str());
+      return false;
+    }
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  ids.insert(found.begin(), found.end());
+  return true;
+}
+
+bool ParseCount(std::string const& text, std::size_t min, std::size_t& out, std::string& error) {
+  std::uint64_t v = 0;  // ten digits fit, also where size_t has 32 bits
+  bool ok = !text.empty() && text.size() <= 10;
+  for (char c : text) {
+    ok = ok && c >= '0' && c <= '9';
+    v = v * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  if (!ok || v < min || v > 0xFFFFFFFFu) {
+    error = FormatString("bad number \"%s\" (expected a whole number from %zu to 4294967295)",
+                         text.c_str(), min);
+    return false;
+  }
+  out = static_cast<std::size_t>(v);
+  return true;
+}
 
 cServer::cServer(cService* service, IServerHandler* handler, std::string traceModule)
     : m_service(service), m_handler(handler), m_module(std::move(traceModule)) {}
@@ -45,6 +123,13 @@ bool cServer::Listen(std::string const& accessPoint, std::string& error) {
     return false;
   }
   bool isUnix = m_ap.kind == cAccessPoint::kUnix;
+  if (!isUnix && !(m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
+    error = FormatString("cannot listen on %s: peer allow-lists need a Unix socket (TCP peers "
+                         "have no credentials)",
+                         accessPoint.c_str());
+    KEST_TRACE(m_module, kTransportError, "%s", error.c_str());
+    return false;
+  }
   std::string why;
   int fd = OpenListener(why);
   if (fd < 0) {
@@ -56,13 +141,37 @@ bool cServer::Listen(std::string const& accessPoint, std::string& error) {
   m_unixPath = isUnix ? m_ap.path : std::string();
   Loop().WatchFd(fd, EPOLLIN, [this](std::uint32_t) { Accept(); });
   if (isUnix || m_ap.IsLoopback()) {
-    KEST_TRACE(m_module, kTransportInfo, "listening on %s", Where().c_str());
+    KEST_TRACE(m_module, kTransportInfo, "listening on %s (%s)", Where().c_str(),
+               Bounds().c_str());
   } else {
     KEST_TRACE(m_module, kTransportInfo,
-               "listening on %s, which is not a loopback address: other hosts can connect",
-               Where().c_str());
+               "listening on %s, which is not a loopback address: other hosts can connect (%s)",
+               Where().c_str(), Bounds().c_str());
   }
   return true;
+}
+
+std::string cServer::Bounds() const {
+  std::string s;
+  if (m_ap.kind == cAccessPoint::kUnix) {
+    s = FormatString("mode %04o", m_limits.socketMode);
+    if (!m_limits.socketGroup.empty()) s += ", group " + m_limits.socketGroup;
+    auto list = [](char const* what, std::set<unsigned> const& ids) {
+      std::string out;
+      for (unsigned id : ids) out += (out.empty() ? "" : ",") + std::to_string(id);
+      return out.empty() ? out : FormatString(", %s %s", what, out.c_str());
+    };
+    if (m_limits.allowUids.empty() && m_limits.allowGids.empty()) {
+      s += ", any user the mode lets in";
+    } else {
+      s += list("uids", m_limits.allowUids) + list("gids", m_limits.allowGids);
+    }
+  } else if (m_ap.IsLoopback()) {
+    s = "loopback only";
+  }
+  if (!s.empty()) s += "; ";
+  return s + FormatString("at most %zu connections, send limit %zu bytes",
+                          m_limits.maxConnections, m_limits.sendLimit);
 }
 
 int cServer::OpenListener(std::string& why) {

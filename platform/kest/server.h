@@ -33,6 +33,21 @@ struct cServerLimits {
   std::set<unsigned> allowUids, allowGids;  // Unix sockets only; both empty = anyone
 };
 
+// A send limit below one largest frame would disconnect a peer that reads
+// well the first time a full-size answer is due.
+constexpr std::size_t kMinSendLimit = kMaxFrame + 4;
+
+// The limits as programs take them from options and properties. Each
+// returns false with a reason that quotes the text.
+// Octal permission bits, "0660" or "660", at most 0777.
+bool ParseSocketMode(std::string const& text, unsigned& mode, std::string& error);
+// "0,daemon,1000": user (groups: group) names or numbers, added to ids;
+// "" adds nothing.
+bool ParseIdList(std::string const& text, bool groups, std::set<unsigned>& ids,
+                 std::string& error);
+// A decimal count of at least min.
+bool ParseCount(std::string const& text, std::size_t min, std::size_t& out, std::string& error);
+
 class cServer : private IChannelHandler {
  public:
   cServer(cService* service, IServerHandler* handler, std::string traceModule);
@@ -41,6 +56,8 @@ class cServer : private IChannelHandler {
   cServer(const cServer&) = delete;
   cServer& operator=(const cServer&) = delete;
 
+  // Allow-lists need a Unix access point: TCP peers have no credentials,
+  // so listening on TCP with one is refused rather than open to anyone.
   bool Listen(std::string const& accessPoint, std::string& error);
   void Close();  // closes the listener and every channel (handlers hear OnClose)
   bool Listening() const { return m_listenFd >= 0; }
@@ -60,6 +77,7 @@ class cServer : private IChannelHandler {
   bool SetUnixAccess(std::string const& path, std::string& why);
   void PauseAccepting();
   std::string Where() const;  // the access point with the real port
+  std::string Bounds() const;  // the limits in force, for the listen trace
 
   cService* m_service;
   IServerHandler* m_handler;

@@ -31,6 +31,41 @@ struct cCallbackCall {
   routeResult operator()(cDelRouteCmd const& c) const { return cb->DelRoute(client, c.tag); }
 };
 
+// The listener's limits from the properties; false with the first bad one named.
+bool ReadLimits(kest::cServerLimits& limits, std::string& error) {
+  kest::cPropertyList const& props = kest::kestProperties();
+  auto read = [&](char const* key, auto parse) {
+    std::string const text = props.GetStringForKey(key, "");
+    if (text.empty() || parse(text)) return true;
+    error = std::string("property ") + key + ": " + error;
+    return false;
+  };
+  return read(cRouteServer::kSocketModeProperty,
+              [&](std::string const& t) {
+                return kest::ParseSocketMode(t, limits.socketMode, error);
+              }) &&
+         read(cRouteServer::kSocketGroupProperty,
+              [&](std::string const& t) {
+                limits.socketGroup = t;
+                return true;
+              }) &&
+         read(cRouteServer::kAllowUidsProperty,
+              [&](std::string const& t) {
+                return kest::ParseIdList(t, false, limits.allowUids, error);
+              }) &&
+         read(cRouteServer::kAllowGidsProperty,
+              [&](std::string const& t) {
+                return kest::ParseIdList(t, true, limits.allowGids, error);
+              }) &&
+         read(cRouteServer::kMaxClientsProperty,
+              [&](std::string const& t) {
+                return kest::ParseCount(t, 1, limits.maxConnections, error);
+              }) &&
+         read(cRouteServer::kSendLimitProperty, [&](std::string const& t) {
+           return kest::ParseCount(t, kest::kMinSendLimit, limits.sendLimit, error);
+         });
+}
+
 }  // namespace
 
 cRouteServer::cRouteServer(kest::cService* service, IRouteServer* callback)
@@ -44,8 +79,15 @@ cRouteServer::~cRouteServer() {
 bool cRouteServer::SetReady() {
   if (m_server.Listening()) return true;
   std::string const sap = kest::kestProperties().GetStringForKey(kSapProperty, kDefaultSap);
-  // The server traces the listening address, or why it cannot listen.
+  kest::cServerLimits limits;
   std::string error;
+  if (!ReadLimits(limits, error)) {
+    KEST_TRACE(kModule, kLevelError, "route service not opened on %s: %s", sap.c_str(),
+               error.c_str());
+    return false;
+  }
+  m_server.SetLimits(limits);
+  // The server traces the listening address and its bounds, or why it cannot listen.
   return m_server.Listen(sap, error);
 }
 

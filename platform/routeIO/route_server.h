@@ -44,10 +44,23 @@ class cRouteServer : private kest::IServerHandler {
   static constexpr char const* kSapProperty = "system.routeMgrSap";
   static constexpr char const* kDefaultSap = "127.0.0.1:3712";
 
+  // Access control and bounds of the listener (see kest::cServerLimits);
+  // unset or empty means the default. The first four matter for a Unix
+  // socket only; an allow-list on a TCP access point keeps it closed.
+  static constexpr char const* kSocketModeProperty = "system.routeMgrSocketMode";    // octal
+  static constexpr char const* kSocketGroupProperty = "system.routeMgrSocketGroup";  // name or gid
+  static constexpr char const* kAllowUidsProperty = "system.routeMgrAllowUids";  // "0,daemon"
+  static constexpr char const* kAllowGidsProperty = "system.routeMgrAllowGids";  // "netdev,7"
+  static constexpr char const* kMaxClientsProperty = "system.routeMgrMaxClients";
+  static constexpr char const* kSendLimitProperty = "system.routeMgrSendLimit";  // bytes
+
   // Listens on the property "system.routeMgrSap" (default "127.0.0.1:3712")
   // once ready; clients are accepted only after SetReady().
   cRouteServer(kest::cService* service, IRouteServer* callback);
   ~cRouteServer();
+  // Reads the properties above when it starts listening. A malformed one
+  // keeps the service closed (traced with the property's name): falling
+  // back to a default could open it wider than configured.
   bool SetReady();  // again: harmless
   bool IsReady() const { return m_server.Listening(); }
   std::uint16_t BoundPort() const { return m_server.BoundPort(); }

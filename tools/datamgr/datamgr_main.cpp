@@ -23,6 +23,13 @@ char const* const kUsage =
     "Serves the device's data store to data clients and datactl.\n"
     "  --listen ADDR   where to listen (default 127.0.0.1:3711; a.b.c.d:port or unix:/path)\n"
     "  --config FILE   device configuration (JSON); SIGHUP reloads it\n"
+    "  --max-connections N   connections served at once (default 64)\n"
+    "  --send-limit BYTES    data queued for a client that does not read before it\n"
+    "                        is disconnected (default 1048576)\n"
+    "  --socket-mode OCTAL   Unix socket: the file's mode (default 0660)\n"
+    "  --socket-group GROUP  Unix socket: the file's group (name or number)\n"
+    "  --allow-uid USERS     Unix socket: serve only these users and groups (names\n"
+    "  --allow-gid GROUPS    or numbers, comma-separated; repeatable)\n"
     "  --syslog        log to syslog instead of stderr\n"
     "  --help          this text\n"
     "  --version       the version\n";
@@ -41,7 +48,35 @@ struct cOptions {
   std::string listen = datamgr::kDefaultAccessPoint;
   std::string config;
   bool syslog = false;
+  kest::cServerLimits limits;
+  bool unixOnly = false;  // an option that only a Unix socket has was given
 };
+
+// One of the listener's limits; false with the reason in why.
+bool ParseLimit(std::string const& arg, std::string const& value, cOptions& opt, std::string& why) {
+  kest::cServerLimits& l = opt.limits;
+  bool const unixOnly = arg != "--max-connections" && arg != "--send-limit";
+  opt.unixOnly = opt.unixOnly || unixOnly;
+  if (value.empty()) {
+    why = "empty";
+    return false;
+  }
+  if (arg == "--max-connections") return kest::ParseCount(value, 1, l.maxConnections, why);
+  if (arg == "--send-limit") return kest::ParseCount(value, kest::kMinSendLimit, l.sendLimit, why);
+  if (arg == "--socket-mode") return kest::ParseSocketMode(value, l.socketMode, why);
+  if (arg == "--allow-uid") return kest::ParseIdList(value, false, l.allowUids, why);
+  if (arg == "--allow-gid") return kest::ParseIdList(value, true, l.allowGids, why);
+  l.socketGroup = value;  // --socket-group: looked up when the socket is made
+  return true;
+}
+
+bool IsLimit(std::string const& arg) {
+  for (char const* name : {"--max-connections", "--send-limit", "--socket-mode", "--socket-group",
+                           "--allow-uid", "--allow-gid"}) {
+    if (arg == name) return true;
+  }
+  return false;
+}
 
 // False: exit now with exitCode (0 after --help or --version, 2 for a usage error).
 bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
@@ -74,9 +109,16 @@ bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
       return false;
     } else if (arg == "--syslog" && !hasValue) {
       opt.syslog = true;
-    } else if (arg == "--listen" || arg == "--config") {
-      if (!take(arg == "--listen" ? opt.listen : opt.config)) {
+    } else if (arg == "--listen" || arg == "--config" || IsLimit(arg)) {
+      std::string limit, why;
+      if (!take(arg == "--listen" ? opt.listen : arg == "--config" ? opt.config : limit)) {
         std::fprintf(stderr, "datamgr: %s needs a value\n%s", arg.c_str(), kUsage);
+        exitCode = 2;
+        return false;
+      }
+      if (IsLimit(arg) && !ParseLimit(arg, limit, opt, why)) {
+        std::fprintf(stderr, "datamgr: bad value '%s' for %s: %s\n", limit.c_str(), arg.c_str(),
+                     why.c_str());
         exitCode = 2;
         return false;
       }
@@ -90,6 +132,13 @@ bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
   std::string error;
   if (!kest::cAccessPoint::Parse(opt.listen, ap, error)) {
     std::fprintf(stderr, "datamgr: --listen: %s\n", error.c_str());
+    exitCode = 2;
+    return false;
+  }
+  if (opt.unixOnly && ap.kind != kest::cAccessPoint::kUnix) {
+    std::fprintf(stderr,
+                 "datamgr: --socket-mode, --socket-group, --allow-uid and --allow-gid need "
+                 "--listen unix:/path\n");
     exitCode = 2;
     return false;
   }
@@ -125,6 +174,7 @@ int main(int argc, char** argv) {
   kest::cService service;
   service.Init("datamgr", 0);
   datamgr::cDataManager manager(&service, std::move(config), opt.config);
+  manager.SetLimits(opt.limits);
   std::string error;
   if (!manager.Listen(opt.listen, error)) {
     std::fprintf(stderr, "datamgr: %s\n", error.c_str());

@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
   kest::cService service;
   cHalProxy proxy(*backend, opt.unavailable);
   kest::cServer server(&service, &proxy, kModule);
+  server.SetLimits(opt.limits);
   if (!server.Listen(opt.listen, error)) {
     HALPROXY_LOG(kLevelError, "cannot listen on %s: %s", opt.listen.c_str(), error.c_str());
     return 1;

@@ -26,6 +26,13 @@ std::string Usage() {
          "                                 nothing (default) or an unreachable route\n"
          "  --interfaces=NAME[,NAME...]    memory backend: the interfaces that exist\n"
          "                                 (default: any valid name)\n"
+         "  --max-connections=N            connections served at once (default 64)\n"
+         "  --send-limit=BYTES             answers queued for a client that does not read\n"
+         "                                 before it is disconnected (default 1048576)\n"
+         "  --socket-mode=OCTAL            Unix socket: the file's mode (default 0660)\n"
+         "  --socket-group=GROUP           Unix socket: the file's group (name or number)\n"
+         "  --allow-uid=USER[,USER...]     Unix socket: serve only these users (names or\n"
+         "  --allow-gid=GROUP[,GROUP...]   numbers) and these groups; repeatable\n"
          "  --log-level=error|warning|info|debug  (default info; debug logs every request)\n"
          "  --syslog                       log to syslog instead of standard error\n"
          "  --help, --version\n";
@@ -75,10 +82,62 @@ bool SplitInterfaces(std::string const& list, std::set<std::string>& out, std::s
   }
 }
 
+// The listener's limits. matched tells whether argv[i] was one of them;
+// unixOnly is set by those that only a Unix socket has.
+bool TakeLimit(int argc, char const* const* argv, int& i, kest::cServerLimits& limits,
+               bool& matched, bool& unixOnly, std::string& error) {
+  using Limits = kest::cServerLimits;
+  struct cLimitOption {
+    char const* name;
+    bool unixOnly;
+    bool (*parse)(std::string const& value, Limits& limits, std::string& why);
+  };
+  static cLimitOption const kOptions[] = {
+      {"--max-connections", false,
+       [](std::string const& v, Limits& l, std::string& why) {
+         return kest::ParseCount(v, 1, l.maxConnections, why);
+       }},
+      {"--send-limit", false,
+       [](std::string const& v, Limits& l, std::string& why) {
+         return kest::ParseCount(v, kest::kMinSendLimit, l.sendLimit, why);
+       }},
+      {"--socket-mode", true,
+       [](std::string const& v, Limits& l, std::string& why) {
+         return kest::ParseSocketMode(v, l.socketMode, why);
+       }},
+      {"--socket-group", true,
+       [](std::string const& v, Limits& l, std::string&) {
+         l.socketGroup = v;  // looked up when the socket is made
+         return true;
+       }},
+      {"--allow-uid", true,
+       [](std::string const& v, Limits& l, std::string& why) {
+         return kest::ParseIdList(v, false, l.allowUids, why);
+       }},
+      {"--allow-gid", true,
+       [](std::string const& v, Limits& l, std::string& why) {
+         return kest::ParseIdList(v, true, l.allowGids, why);
+       }},
+  };
+  for (auto const& o : kOptions) {
+    std::string value, why = "empty";
+    if (!TakeValue(argc, argv, i, o.name, value, matched, error)) return false;
+    if (!matched) continue;
+    if (value.empty() || !o.parse(value, limits, why)) {
+      error = "bad value '" + value + "' for " + o.name + ": " + why;
+      return false;
+    }
+    unixOnly = unixOnly || o.unixOnly;
+    return true;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string& error) {
   cOptions opt;
+  bool unixOnly = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     std::string value;
@@ -144,7 +203,13 @@ bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string&
       if (!SplitInterfaces(value, opt.interfaces, error)) return false;
       continue;
     }
+    if (!TakeLimit(argc, argv, i, opt.limits, matched, unixOnly, error)) return false;
+    if (matched) continue;
     error = "unknown argument '" + arg + "'";
+    return false;
+  }
+  if (unixOnly && opt.listen.compare(0, 5, "unix:") != 0) {
+    error = "--socket-mode, --socket-group, --allow-uid and --allow-gid need --listen unix:/path";
     return false;
   }
   if (!opt.interfaces.empty() && opt.backend != cOptions::eBackend::kMemory) {

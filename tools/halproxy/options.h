@@ -4,6 +4,7 @@
 #include <set>
 #include <string>
 
+#include "kest/server.h"
 #include "proxy.h"
 
 namespace halproxy {
@@ -17,6 +18,9 @@ struct cOptions {
   std::string logLevel = "info";
   bool syslog = false;
   std::set<std::string> interfaces;  // memory backend: the names that exist; empty = any
+  // --max-connections, --send-limit, and for a Unix socket --socket-mode,
+  // --socket-group, --allow-uid, --allow-gid (the last two repeatable).
+  kest::cServerLimits limits;
   bool help = false;
   bool version = false;
 };
