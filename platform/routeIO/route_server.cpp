@@ -32,38 +32,25 @@ struct cCallbackCall {
 };
 
 // The listener's limits from the properties; false with the first bad one named.
-bool ReadLimits(kest::cServerLimits& limits, std::string& error) {
-  kest::cPropertyList const& props = kest::kestProperties();
-  auto read = [&](char const* key, auto parse) {
-    std::string const text = props.GetStringForKey(key, "");
-    if (text.empty() || parse(text)) return true;
-    error = std::string("property ") + key + ": " + error;
-    return false;
+bool ReadLimits(kest::cServerLimits& l, std::string& error) {
+  char const* key = nullptr;
+  std::string text, why;
+  auto given = [&](char const* name) {
+    key = name;
+    text = kest::kestProperties().GetStringForKey(name, "");
+    return !text.empty();
   };
-  return read(cRouteServer::kSocketModeProperty,
-              [&](std::string const& t) {
-                return kest::ParseSocketMode(t, limits.socketMode, error);
-              }) &&
-         read(cRouteServer::kSocketGroupProperty,
-              [&](std::string const& t) {
-                limits.socketGroup = t;
-                return true;
-              }) &&
-         read(cRouteServer::kAllowUidsProperty,
-              [&](std::string const& t) {
-                return kest::ParseIdList(t, false, limits.allowUids, error);
-              }) &&
-         read(cRouteServer::kAllowGidsProperty,
-              [&](std::string const& t) {
-                return kest::ParseIdList(t, true, limits.allowGids, error);
-              }) &&
-         read(cRouteServer::kMaxClientsProperty,
-              [&](std::string const& t) {
-                return kest::ParseCount(t, 1, limits.maxConnections, error);
-              }) &&
-         read(cRouteServer::kSendLimitProperty, [&](std::string const& t) {
-           return kest::ParseCount(t, kest::kMinSendLimit, limits.sendLimit, error);
-         });
+  using S = cRouteServer;
+  bool ok = true;
+  if (given(S::kSocketModeProperty)) ok = kest::ParseSocketMode(text, l.socketMode, why);
+  if (ok && given(S::kSocketGroupProperty)) l.socketGroup = text;  // looked up at listen
+  if (ok && given(S::kAllowUidsProperty)) ok = kest::ParseIdList(text, false, l.allowUids, why);
+  if (ok && given(S::kAllowGidsProperty)) ok = kest::ParseIdList(text, true, l.allowGids, why);
+  if (ok && given(S::kMaxClientsProperty)) ok = kest::ParseCount(text, 1, l.maxConnections, why);
+  if (ok && given(S::kSendLimitProperty))
+    ok = kest::ParseCount(text, kest::kMinSendLimit, l.sendLimit, why);
+  if (!ok) error = std::string("property ") + key + ": " + why;
+  return ok;
 }
 
 }  // namespace

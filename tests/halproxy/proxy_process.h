@@ -53,6 +53,7 @@ class cProxyProcess {
   bool Start(std::vector<std::string> const& args, std::string& error,
              std::vector<std::string> const& prefix = {}, std::string listen = "") {
     unlink(SocketPath().c_str());
+    unlink(LogPath().c_str());  // a restart must not be taken for up by the last run's log
     std::vector<std::string> argv = prefix;
     argv.push_back(HALPROXY_PATH);
     argv.push_back("--listen");

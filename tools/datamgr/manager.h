@@ -20,7 +20,8 @@ class cDataManager : private kest::IServerHandler {
   cDataManager(kest::cService* service, cDeviceConfig config, std::string configPath);
   ~cDataManager();
 
-  void SetLimits(kest::cServerLimits const& limits) { m_server.SetLimits(limits); }  // before Listen
+  // Before Listen.
+  void SetLimits(kest::cServerLimits const& limits) { m_server.SetLimits(limits); }
   bool Listen(std::string const& accessPoint, std::string& error);
   void Close() { m_server.Close(); }
   std::uint16_t BoundPort() const { return m_server.BoundPort(); }
