@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -90,7 +91,15 @@ class cDatamgrRun {
   int m_status = -1;
 };
 
-TEST(DatamgrAccess, SocketModeAndConnectionLimitFromTheCommandLine) {
+class DatamgrAccess : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::getenv("ROUTEMGR_EMULATED") != nullptr)
+      GTEST_SKIP() << "starts datamgr, a target program: not under emulation";
+  }
+};
+
+TEST_F(DatamgrAccess, SocketModeAndConnectionLimitFromTheCommandLine) {
   cDatamgrRun dm;
   ASSERT_TRUE(dm.Start({"--listen", dm.Sap(), "--socket-mode", "0640", "--max-connections=1",
                         "--send-limit", "65540"}))
@@ -125,7 +134,7 @@ TEST(DatamgrAccess, SocketModeAndConnectionLimitFromTheCommandLine) {
   EXPECT_EQ(answer, "");
 }
 
-TEST(DatamgrAccess, AllowListsAndBadValues) {
+TEST_F(DatamgrAccess, AllowListsAndBadValues) {
   std::string const otherUid = std::to_string(getuid() + 1);
   {
     cDatamgrRun dm;
