@@ -1,0 +1,380 @@
+#!/usr/bin/env bash
+# The route manager's benchmarks, end to end on a real kernel table.
+#
+#   sudo bench/run.sh [--quick] [--no-build] [--out FILE]
+#
+# Builds what it needs (BUILD_DIR, default build-bench, Release when it
+# configures it), makes a private network namespace with a veth interface,
+# runs halproxy (netlink backend), datamgr and routemgr inside it on the
+# namespace's own loopback, and measures throughput, refresh, latency,
+# memory and start-up. Every time is set against a reference measured in the
+# same run (`ip -batch` doing the same kernel work, or halproxy starting),
+# repeated and reduced to medians, because the machines are shared and noisy.
+# Prints a table and writes bench/results/<date>.json (or --out FILE).
+# --quick: small N, one repeat, no refresh-wait probe; a few seconds (CI smoke).
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "$0")/.." && pwd)"
+BUILD_DIR="${BUILD_DIR:-$ROOT/build-bench}"
+QUICK=0
+BUILD=1
+OUT=""
+
+usage() { sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'; }
+die() { printf 'bench: error: %s\n' "$*" >&2; exit 1; }
+say() { printf 'bench: %s\n' "$*" >&2; }
+
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --quick) QUICK=1; shift ;;
+    --no-build) BUILD=0; shift ;;
+    --out) [ $# -ge 2 ] || die "--out needs a file"; OUT="$2"; shift 2 ;;
+    --out=*) OUT="${1#*=}"; shift ;;
+    -h|--help) usage; exit 0 ;;
+    *) usage >&2; exit 2 ;;
+  esac
+done
+
+[ "$(id -u)" -eq 0 ] || die "needs root: it creates a network namespace (try: sudo $0)"
+IP="$(command -v ip || true)"
+[ -n "$IP" ] || die "needs the ip tool (iproute2)"
+
+# --- sizes -------------------------------------------------------------------
+M=1000                      # configured routes of the WAN setup in force
+if [ "$QUICK" = 1 ]; then
+  THROUGHPUT_N="1000"; REPEATS=1; REPEATS_100K=1
+  REFRESH_N="1000"; REFRESH_REPEATS=2
+  LAT_1=300; LAT_16=30; LAT_REPEATS=1
+  START_REPEATS=1; PROBE_S=0; M=50
+else
+  THROUGHPUT_N="1000 10000 100000"; REPEATS=5; REPEATS_100K=3
+  REFRESH_N="1000 10000 100000"; REFRESH_REPEATS=5
+  LAT_1=2000; LAT_16=250; LAT_REPEATS=3
+  START_REPEATS=5; PROBE_S=11  # two refresh periods
+fi
+WAIT_N=10000                # routes held while a client's wait is probed
+REFRESH_PERIOD_S=5          # the daemon's refresh period
+
+# --- build -------------------------------------------------------------------
+TARGETS="routemgr halproxy datamgr rmbench rmbench-refresh"
+if [ "$BUILD" = 1 ]; then
+  if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
+    cmake -S "$ROOT" -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >&2
+  fi
+  # shellcheck disable=SC2086
+  cmake --build "$BUILD_DIR" --target $TARGETS -j2 >&2
+fi
+BT="$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$BUILD_DIR/CMakeCache.txt" 2>/dev/null || true)"
+[ "$BT" = Release ] || say "note: $BUILD_DIR is a '${BT:-?}' build, not Release"
+ROUTEMGR="$BUILD_DIR/src/routemgr"
+HALPROXY="$BUILD_DIR/tools/halproxy/halproxy"
+DATAMGR="$BUILD_DIR/tools/datamgr/datamgr"
+RMBENCH="$BUILD_DIR/bench/rmbench"
+RMREFRESH="$BUILD_DIR/bench/rmbench-refresh"
+for b in "$ROUTEMGR" "$HALPROXY" "$DATAMGR" "$RMBENCH" "$RMREFRESH"; do
+  [ -x "$b" ] || die "missing $b (build it, or drop --no-build)"
+done
+
+# --- namespace and peers -------------------------------------------------------
+NS="rmbench-$$"
+WORK="$(mktemp -d /tmp/rmbench.XXXXXX)"
+PIDS=()
+cleanup() {
+  local p
+  for p in "${PIDS[@]}"; do kill "$p" 2>/dev/null || true; done
+  for p in "${PIDS[@]}"; do wait "$p" 2>/dev/null || true; done
+  "$IP" netns del "$NS" 2>/dev/null || true
+  rm -rf "$WORK"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Not for "&": a function would run in a subshell, and $! would name the
+# subshell instead of the program (ip netns exec replaces itself by it).
+inns() { "$IP" netns exec "$NS" "$@"; }
+now_ns() { date +%s%N; }
+
+"$IP" netns add "$NS" || die "cannot create a network namespace"
+"$IP" -n "$NS" link set lo up
+# A veth pair (dummy interfaces need a module that is not everywhere); its
+# address puts the gateway on the link.
+"$IP" -n "$NS" link add bench0 type veth peer name bench0-peer
+"$IP" -n "$NS" addr add 192.0.2.1/24 dev bench0
+"$IP" -n "$NS" link set bench0-peer up
+"$IP" -n "$NS" link set bench0 up
+
+# Everything talks over the namespace's own loopback: no port of the host is
+# taken, and the addresses are the programs' defaults.
+HAL=127.0.0.1:3710
+DATA=127.0.0.1:3711
+ROUTE=127.0.0.1:3712
+START_ROUTE=127.0.0.1:3720   # routemgr instances started only to time their start
+START_REF=127.0.0.1:3721     # halproxy instances started as the start reference
+RM_PROPS=(--prop kest.trace=off --prop "system.customHalProxSap=$HAL"
+          --prop "system.customDataMgrSap=$DATA")
+
+"$IP" netns exec "$NS" "$HALPROXY" --listen "$HAL" --backend=netlink --log-level=warning \
+  >"$WORK/halproxy.out" 2>"$WORK/halproxy.log" &
+HAL_PID=$!; PIDS+=("$HAL_PID")
+"$RMBENCH" config -m "$M" >"$WORK/device.json"
+"$IP" netns exec "$NS" "$DATAMGR" --config "$WORK/device.json" --listen "$DATA" \
+  >"$WORK/datamgr.out" 2>"$WORK/datamgr.log" &
+PIDS+=("$!")
+inns "$RMBENCH" wait -s "$HAL" >/dev/null || die "halproxy did not start: $(cat "$WORK/halproxy.log")"
+inns "$RMBENCH" wait -s "$DATA" >/dev/null || die "datamgr did not start: $(cat "$WORK/datamgr.log")"
+
+# key=value output of a bench program: the values of one key, one a line.
+values() { sed -n "s/^$1=//p" "$2"; }
+median() {
+  sort -g | awk '{a[NR]=$1} END {
+    if (NR == 0) print "null"; else if (NR % 2) print a[(NR + 1) / 2];
+    else printf "%.6g\n", (a[NR / 2] + a[NR / 2 + 1]) / 2 }'
+}
+calc() { awk "BEGIN { x = $1; printf \"%.6g\", x }"; }
+jlist() { paste -sd, - | sed 's/^/[/; s/$/]/'; }   # lines -> JSON array
+rss_kb() { awk -v k="$1:" '$1 == k { print $2 }' "/proc/$2/status"; }
+count_custom() { "$IP" -n "$NS" route show root 10.0.0.0/8 | wc -l; }
+# Waits until the daemon has dealt with everything before (a closed client's
+# routes deleted) and the kernel holds no custom route.
+settle() {
+  inns "$RMBENCH" settle -s "$1" >/dev/null || die "routemgr does not answer"
+  local i
+  for i in $(seq 1 600); do
+    [ "$(count_custom)" -eq 0 ] && return 0
+    sleep 0.2
+  done
+  die "custom routes still in the kernel table"
+}
+
+# --- start-up ----------------------------------------------------------------
+say "start-up: $START_REPEATS x routemgr (peers up) against halproxy alone"
+: >"$WORK/start.txt"; : >"$WORK/start-ref.txt"
+for _ in $(seq 1 "$START_REPEATS"); do
+  inns "$RMBENCH" start -s "$START_REF" -- "$HALPROXY" --listen "$START_REF" --log-level=error \
+    | values start_us /dev/stdin >>"$WORK/start-ref.txt"
+  inns "$RMBENCH" start -s "$START_ROUTE" -- "$ROUTEMGR" "${RM_PROPS[@]}" \
+    --prop "system.routeMgrSap=$START_ROUTE" | values start_us /dev/stdin >>"$WORK/start.txt"
+done
+START_US=$(median <"$WORK/start.txt")
+START_REF_US=$(median <"$WORK/start-ref.txt")
+
+# --- refresh, timed inside the service -----------------------------------------
+# The reference replaces the same routes (custom and configured, same
+# attributes and protocol as the proxy's) with one `ip -batch`; it runs
+# before each refresh, so both see the same table and the same moment's load.
+declare -A REFRESH_MS REFRESH_REF_MS REFRESH_RATIO REFRESH_CPU_MS REFRESH_PROXY_MS
+for n in $REFRESH_N; do
+  reps=$REFRESH_REPEATS; [ "$n" -ge 100000 ] && reps=3
+  [ "$QUICK" = 1 ] && reps=$REFRESH_REPEATS
+  say "refresh: N=$n custom + M=$M configured routes, $reps x against ip -batch replace"
+  "$RMBENCH" ipbatch -n "$n" --configured "$M" --op replace --proto 200 >"$WORK/replace-$n.batch"
+  out="$WORK/refresh-$n.out"
+  inns "$RMREFRESH" "${RM_PROPS[@]}" --prop "bench.routes=$n" --prop "bench.repeats=$reps" \
+    --prop "bench.halproxyPid=$HAL_PID" \
+    --prop "bench.between=$IP -batch $WORK/replace-$n.batch" >"$out" \
+    || die "rmbench-refresh failed"
+  [ "$(values set_failed "$out")" = 0 ] || die "refresh bench: SetRoute failed"
+  "$IP" -n "$NS" route flush root 10.0.0.0/8
+  REFRESH_MS[$n]=$(values refresh_ms "$out" | median)
+  REFRESH_REF_MS[$n]=$(values reference_ms "$out" | median)
+  REFRESH_CPU_MS[$n]=$(values refresh_cpu_ms "$out" | median)
+  REFRESH_PROXY_MS[$n]=$(values halproxy_cpu_ms "$out" | median)
+  REFRESH_RATIO[$n]=$(paste -d' ' <(values refresh_ms "$out") <(values reference_ms "$out") \
+    | awk '{ printf "%.6g\n", $1 / $2 }' | median)
+done
+
+# --- the daemon ------------------------------------------------------------------
+"$IP" netns exec "$NS" "$ROUTEMGR" "${RM_PROPS[@]}" --prop "system.routeMgrSap=$ROUTE" \
+  >"$WORK/routemgr.out" 2>"$WORK/routemgr.log" &
+RM_PID=$!; PIDS+=("$RM_PID")
+inns "$RMBENCH" wait -s "$ROUTE" >/dev/null || die "routemgr did not start"
+settle "$ROUTE"
+sleep 0.5  # the configured routes are applied just after the route server opens
+RSS_IDLE_KB=$(rss_kb VmRSS "$RM_PID")
+HWM_IDLE_KB=$(rss_kb VmHWM "$RM_PID")
+
+# --- throughput ------------------------------------------------------------------
+# One client sets N routes, pipelined; `ip -batch` adds the same N routes
+# (protocol 201, flushed after). The client holds its routes while the
+# daemon's memory is read, then goes, and the daemon deletes them.
+declare -A TP_RATE TP_REF_RATE TP_RATIO RSS_KB HWM_KB
+for n in $THROUGHPUT_N; do
+  reps=$REPEATS; [ "$n" -ge 100000 ] && reps=$REPEATS_100K
+  say "throughput: N=$n, $reps x routemgr against ip -batch add"
+  "$RMBENCH" ipbatch -n "$n" --op add >"$WORK/add-$n.batch"
+  : >"$WORK/tp-$n.txt"; : >"$WORK/tp-ref-$n.txt"; : >"$WORK/rss-$n.txt"; : >"$WORK/hwm-$n.txt"
+  for _ in $(seq 1 "$reps"); do
+    t0=$(now_ns)
+    "$IP" -n "$NS" -batch "$WORK/add-$n.batch"
+    t1=$(now_ns)
+    "$IP" -n "$NS" route flush proto 201
+    echo $(( (t1 - t0) / 1000 )) >>"$WORK/tp-ref-$n.txt"
+
+    rm -f "$WORK/set.out" "$WORK/release"
+    "$IP" netns exec "$NS" "$RMBENCH" set -s "$ROUTE" -n "$n" --out "$WORK/set.out" --hold-until "$WORK/release" &
+    setpid=$!
+    while [ ! -f "$WORK/set.out" ]; do
+      kill -0 "$setpid" 2>/dev/null || die "rmbench set died"
+      sleep 0.01
+    done
+    rss_kb VmRSS "$RM_PID" >>"$WORK/rss-$n.txt"
+    rss_kb VmHWM "$RM_PID" >>"$WORK/hwm-$n.txt"
+    touch "$WORK/release"
+    wait "$setpid" || die "routes failed: $(cat "$WORK/set.out")"
+    values elapsed_us "$WORK/set.out" >>"$WORK/tp-$n.txt"
+    settle "$ROUTE"
+  done
+  TP_RATE[$n]=$(awk -v n="$n" '{ printf "%.6g\n", n * 1e6 / $1 }' "$WORK/tp-$n.txt" | median)
+  TP_REF_RATE[$n]=$(awk -v n="$n" '{ printf "%.6g\n", n * 1e6 / $1 }' "$WORK/tp-ref-$n.txt" | median)
+  TP_RATIO[$n]=$(paste -d' ' "$WORK/tp-ref-$n.txt" "$WORK/tp-$n.txt" \
+    | awk '{ printf "%.6g\n", $1 / $2 }' | median)
+  RSS_KB[$n]=$(median <"$WORK/rss-$n.txt")
+  HWM_KB[$n]=$(median <"$WORK/hwm-$n.txt")
+done
+
+# --- latency -----------------------------------------------------------------------
+say "latency: SetRoute round trips, 1 and 16 clients, $LAT_REPEATS x"
+: >"$WORK/lat1-p50"; : >"$WORK/lat1-p99"; : >"$WORK/lat16-p50"; : >"$WORK/lat16-p99"
+for _ in $(seq 1 "$LAT_REPEATS"); do
+  inns "$RMBENCH" latency -s "$ROUTE" -c 1 -n "$LAT_1" >"$WORK/lat.out" || die "latency run failed"
+  values p50_us "$WORK/lat.out" >>"$WORK/lat1-p50"; values p99_us "$WORK/lat.out" >>"$WORK/lat1-p99"
+  settle "$ROUTE"
+  inns "$RMBENCH" latency -s "$ROUTE" -c 16 -n "$LAT_16" >"$WORK/lat.out" || die "latency run failed"
+  values p50_us "$WORK/lat.out" >>"$WORK/lat16-p50"; values p99_us "$WORK/lat.out" >>"$WORK/lat16-p99"
+  settle "$ROUTE"
+done
+LAT1_P50=$(median <"$WORK/lat1-p50"); LAT1_P99=$(median <"$WORK/lat1-p99")
+LAT16_P50=$(median <"$WORK/lat16-p50"); LAT16_P99=$(median <"$WORK/lat16-p99")
+
+# --- a client's wait behind a refresh ----------------------------------------------------
+WAIT_MAX_US=null; WAIT_STALLS=null; WAIT_P50_US=null
+if [ "$PROBE_S" != 0 ]; then
+  say "refresh wait: a probing client for ${PROBE_S} s while the daemon holds $WAIT_N routes"
+  rm -f "$WORK/set.out" "$WORK/release"
+  "$IP" netns exec "$NS" "$RMBENCH" set -s "$ROUTE" -n "$WAIT_N" --out "$WORK/set.out" --hold-until "$WORK/release" &
+  setpid=$!
+  while [ ! -f "$WORK/set.out" ]; do sleep 0.01; done
+  inns "$RMBENCH" probe -s "$ROUTE" -t "$PROBE_S" >"$WORK/probe.out" || die "probe failed"
+  touch "$WORK/release"; wait "$setpid" || true
+  settle "$ROUTE"
+  WAIT_MAX_US=$(values max_us "$WORK/probe.out")
+  WAIT_P50_US=$(values p50_us "$WORK/probe.out")
+  WAIT_STALLS=$(values stalls "$WORK/probe.out")
+fi
+
+# --- derived figures ----------------------------------------------------------------
+first_n() { set -- $1; echo "$1"; }
+pick() { local want=$1 list=$2 n; for n in $list; do [ "$n" = "$want" ] && { echo "$n"; return; }; done; first_n "$list"; }
+NT=$(pick 10000 "$THROUGHPUT_N")     # the N the bars are judged at (quick: its only N)
+NR=$(pick 10000 "$REFRESH_N")
+SHARE_RM=$(calc "${REFRESH_CPU_MS[$NR]} / ($REFRESH_PERIOD_S * 1000) * 100")
+SHARE_ALL=$(calc "(${REFRESH_CPU_MS[$NR]} + ${REFRESH_PROXY_MS[$NR]}) / ($REFRESH_PERIOD_S * 1000) * 100")
+LAT_RATIO=$(calc "$LAT16_P99 / $LAT1_P50")
+START_RATIO=$(calc "$START_US / $START_REF_US")
+BIGGEST=""; for n in $THROUGHPUT_N; do BIGGEST=$n; done
+BPR=$(calc "(${RSS_KB[$BIGGEST]} - $RSS_IDLE_KB) * 1024 / $BIGGEST")
+WAIT_RATIO=null
+if [ "$WAIT_MAX_US" != null ]; then
+  WAIT_RATIO=$(calc "$WAIT_MAX_US / 1000 / ${REFRESH_MS[$WAIT_N]:-${REFRESH_MS[$NR]}}")
+fi
+verdict() { awk "BEGIN { exit !($1) }" && echo met || echo MISSED; }
+
+# --- report -----------------------------------------------------------------------
+CPU_MODEL=$(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)
+NPROC=$(nproc)
+KERNEL=$(uname -r)
+GIT=$(git -C "$ROOT" describe --always --dirty --tags 2>/dev/null || echo unknown)
+CXX_PATH=$(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$BUILD_DIR/CMakeCache.txt")
+CXX_VERSION=$("${CXX_PATH:-c++}" --version 2>/dev/null | head -1)
+DATE=$(date -u +%Y-%m-%dT%H:%M:%SZ)
+MODE=full; COMMAND="sudo bench/run.sh"
+if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
+
+{
+  printf 'routemgr benchmarks (%s), %s\n' "$MODE" "$DATE"
+  printf '%s, %s cores, kernel %s, %s, %s build, %s\n\n' "$CPU_MODEL" "$NPROC" "$KERNEL" \
+    "$CXX_VERSION" "${BT:-?}" "$GIT"
+  printf '%-44s %14s %14s %8s  %s\n' "figure" "routemgr" "reference" "ratio" "bar"
+  for n in $THROUGHPUT_N; do
+    bar=""; [ "$n" = "$NT" ] && bar=">= 1.0: $(verdict "${TP_RATIO[$n]} >= 1.0")"
+    printf '%-44s %14.0f %14.0f %8.3f  %s\n' "throughput N=$n (routes/s; ref ip -batch add)" \
+      "${TP_RATE[$n]}" "${TP_REF_RATE[$n]}" "${TP_RATIO[$n]}" "$bar"
+  done
+  for n in $REFRESH_N; do
+    bar=""; [ "$n" = "$NR" ] && bar="<= 1.0: $(verdict "${REFRESH_RATIO[$n]} <= 1.0")"
+    printf '%-44s %14.1f %14.1f %8.3f  %s\n' "refresh N=$n M=$M (ms; ref ip -batch replace)" \
+      "${REFRESH_MS[$n]}" "${REFRESH_REF_MS[$n]}" "${REFRESH_RATIO[$n]}" "$bar"
+  done
+  printf '%-44s %13.2f%% %13.2f%% %8s  %s\n' "refresh N=$NR every ${REFRESH_PERIOD_S} s: core share (+halproxy)" \
+    "$SHARE_RM" "$SHARE_ALL" "-" ""
+  if [ "$WAIT_MAX_US" != null ]; then
+    printf '%-44s %14.1f %14.1f %8.3f  %s\n' "longest client wait, N=$WAIT_N (ms; ref refresh)" \
+      "$(calc "$WAIT_MAX_US / 1000")" "${REFRESH_MS[$WAIT_N]:-${REFRESH_MS[$NR]}}" "$WAIT_RATIO" \
+      "<= 1 refresh: $(verdict "$WAIT_RATIO <= 1.1")"
+  fi
+  printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 1 client p50/p99 (us)" "$LAT1_P50" "$LAT1_P99" "-" ""
+  printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 16 clients p50/p99 (us)" "$LAT16_P50" "$LAT16_P99" "-" ""
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "p99 16 clients vs p50 1 client (us)" "$LAT16_P99" "$LAT1_P50" \
+    "$LAT_RATIO" "<= 4.0: $(verdict "$LAT_RATIO <= 4.0")"
+  printf '%-44s %14s %14s %8s  %s\n' "RSS idle (KiB; VmRSS / VmHWM)" "$RSS_IDLE_KB" "$HWM_IDLE_KB" "-" ""
+  for n in $THROUGHPUT_N; do
+    printf '%-44s %14s %14s %8s  %s\n' "RSS holding $n custom routes (KiB; VmRSS / VmHWM)" "${RSS_KB[$n]}" "${HWM_KB[$n]}" "-" ""
+  done
+  printf '%-44s %14.0f %14s %8s  %s\n' "bytes per custom route (N=$BIGGEST)" "$BPR" "-" "-" \
+    "<= 400: $(verdict "$BPR <= 400")"
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "start to route server ready (ms; ref halproxy)" \
+    "$(calc "$START_US / 1000")" "$(calc "$START_REF_US / 1000")" "$START_RATIO" ""
+} >"$WORK/table.txt"
+cat "$WORK/table.txt"
+
+# --- JSON ---------------------------------------------------------------------------
+jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
+{
+  printf '{\n  "date": %s,\n  "mode": %s,\n' "$(jstr "$DATE")" "$(jstr "$MODE")"
+  printf '  "command": %s,\n' "$(jstr "$COMMAND")"
+  printf '  "machine": {"nproc": %s, "cpu": %s, "kernel": %s},\n' "$NPROC" "$(jstr "$CPU_MODEL")" "$(jstr "$KERNEL")"
+  printf '  "versions": {"git": %s, "compiler": %s, "build_type": %s},\n' "$(jstr "$GIT")" \
+    "$(jstr "$CXX_VERSION")" "$(jstr "${BT:-}")"
+  printf '  "configured_routes": %s,\n' "$M"
+  printf '  "throughput": [\n'
+  sep=""
+  for n in $THROUGHPUT_N; do
+    printf '%s    {"n": %s, "routemgr_routes_per_s": %s, "ip_batch_routes_per_s": %s, "ratio": %s,\n' \
+      "$sep" "$n" "${TP_RATE[$n]}" "${TP_REF_RATE[$n]}" "${TP_RATIO[$n]}"
+    printf '     "routemgr_us": %s, "ip_batch_us": %s}' "$(jlist <"$WORK/tp-$n.txt")" "$(jlist <"$WORK/tp-ref-$n.txt")"
+    sep=$',\n'
+  done
+  printf '\n  ],\n  "refresh": [\n'
+  sep=""
+  for n in $REFRESH_N; do
+    out="$WORK/refresh-$n.out"
+    printf '%s    {"n": %s, "m": %s, "refresh_ms": %s, "ip_batch_replace_ms": %s, "ratio": %s,\n' \
+      "$sep" "$n" "$M" "${REFRESH_MS[$n]}" "${REFRESH_REF_MS[$n]}" "${REFRESH_RATIO[$n]}"
+    printf '     "routemgr_cpu_ms": %s, "halproxy_cpu_ms": %s,\n' "${REFRESH_CPU_MS[$n]}" "${REFRESH_PROXY_MS[$n]}"
+    printf '     "runs_ms": %s, "reference_runs_ms": %s}' "$(values refresh_ms "$out" | jlist)" \
+      "$(values reference_ms "$out" | jlist)"
+    sep=$',\n'
+  done
+  printf '\n  ],\n'
+  printf '  "refresh_core_share_percent": {"n": %s, "period_s": %s, "routemgr": %s, "routemgr_and_halproxy": %s},\n' \
+    "$NR" "$REFRESH_PERIOD_S" "$SHARE_RM" "$SHARE_ALL"
+  printf '  "refresh_wait": {"n": %s, "probe_s": %s, "max_us": %s, "p50_us": %s, "stalls": %s, "ratio_to_refresh": %s},\n' \
+    "$WAIT_N" "$PROBE_S" "$WAIT_MAX_US" "$WAIT_P50_US" "$WAIT_STALLS" "$WAIT_RATIO"
+  printf '  "latency_us": {"one_client": {"p50": %s, "p99": %s}, "sixteen_clients": {"p50": %s, "p99": %s}, "p99_16_over_p50_1": %s},\n' \
+    "$LAT1_P50" "$LAT1_P99" "$LAT16_P50" "$LAT16_P99" "$LAT_RATIO"
+  printf '  "memory_kib": {"idle_rss": %s, "idle_hwm": %s' "$RSS_IDLE_KB" "$HWM_IDLE_KB"
+  for n in $THROUGHPUT_N; do printf ', "rss_%s": %s, "hwm_%s": %s' "$n" "${RSS_KB[$n]}" "$n" "${HWM_KB[$n]}"; done
+  printf ', "bytes_per_route": %s},\n' "$BPR"
+  printf '  "start_ms": {"routemgr": %s, "halproxy_reference": %s, "ratio": %s,\n' \
+    "$(calc "$START_US / 1000")" "$(calc "$START_REF_US / 1000")" "$START_RATIO"
+  printf '     "routemgr_runs_us": %s, "reference_runs_us": %s}\n}\n' "$(jlist <"$WORK/start.txt")" \
+    "$(jlist <"$WORK/start-ref.txt")"
+} >"$WORK/result.json"
+
+if [ -z "$OUT" ]; then
+  mkdir -p "$ROOT/bench/results"
+  OUT="$ROOT/bench/results/$(date -u +%Y-%m-%dT%H%M%SZ).json"
+fi
+cp "$WORK/result.json" "$OUT"
+cp "$WORK/table.txt" "${OUT%.json}.txt"
+say "results written to $OUT"
