@@ -16,7 +16,7 @@ TEST(DeviceConfig, TheShippedExampleLoads) {
   ASSERT_TRUE(LoadDeviceConfig(EXAMPLE_CONFIG, cfg, error)) << error;
   EXPECT_EQ(cfg.wan.WanSetupName(), "dsl");
   EXPECT_EQ(cfg.wanSetups.size(), 3u);
-  ASSERT_EQ(cfg.wanSetups.at("dsl").size(), 3u);
+  ASSERT_EQ(cfg.wanSetups.at("dsl").size(), 4u);
   auto const& mgmt = cfg.wanSetups.at("dsl").at("mgmt");
   EXPECT_EQ(mgmt.GetDir(), "/Config/Network/WanSetups/dsl/Routing/");
   EXPECT_EQ(mgmt.GetName(), "mgmt");

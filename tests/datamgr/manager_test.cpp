@@ -142,7 +142,7 @@ TEST_F(ManagerTest, ControlRequestsReachTheSubscribers) {
   EXPECT_EQ(manager->Control(req, nullptr).rc, ctl::kRefused);  // already gone
   ASSERT_TRUE(RunUntil([&] { return !syncs.empty(); }));
   Settle();
-  EXPECT_EQ(syncs, std::vector<std::string>{kDsl + " 2 routes"});
+  EXPECT_EQ(syncs, std::vector<std::string>{kDsl + " 3 routes"});
 }
 
 TEST_F(ManagerTest, AReloadPushesOnlyTheDirectoriesThatChanged) {
@@ -155,7 +155,7 @@ TEST_F(ManagerTest, AReloadPushesOnlyTheDirectoriesThatChanged) {
   ASSERT_TRUE(manager->Reload(error)) << error;
   ASSERT_TRUE(RunUntil([&] { return !syncs.empty(); }));
   Settle();
-  EXPECT_EQ(syncs, std::vector<std::string>{kDsl + " 3 routes"});  // the status is untouched
+  EXPECT_EQ(syncs, std::vector<std::string>{kDsl + " 4 routes"});  // the status is untouched
 
   // A broken file keeps what is in force and says why.
   syncs.clear();

@@ -147,7 +147,7 @@ TEST(E2eDump, SignalWritesTheStateDump) {
       "   - m_preferredSourceIP: 192.168.1.20\n"
       "   - m_gatewayIF:         eth1\n"
       "   - m_routePrio:         4\n"
-      " - Routes By Config:       3 Entries\n"};
+      " - Routes By Config:       4 Entries\n"};
   for (auto const& part : expected) EXPECT_NE(dump.find(part), std::string::npos) << part << dump;
 
   // The route goes with its client, and the next dump says so.
