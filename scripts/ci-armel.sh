@@ -80,6 +80,18 @@ check_target_abi() {
   fi
 }
 
+# The daemon links nothing but the C and C++ run-time (libxml2 only lends it
+# a type); a new dependency would have to be on the device first.
+check_daemon_needs() {
+  local bin=$1 extra
+  extra=$("$TRIPLET-readelf" -d "$bin" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' |
+          grep -vE '^(libc|libm|libstdc\+\+|libgcc_s)\.so' || true)
+  if [ -n "$extra" ]; then
+    echo "$bin links more than the C and C++ run-time: $extra" >&2
+    return 1
+  fi
+}
+
 install_deps
 if [ "$GTEST_FROM_SOURCE" = OFF ] && [ -n "$(missing_pkgs libgtest-dev:armel libgmock-dev:armel)" ]; then
   GTEST_FROM_SOURCE=ON
@@ -113,6 +125,9 @@ for prog in src/routemgr tools/halproxy/halproxy; do
   out="$BUILD_DIR/stripped/$(basename "$prog")"
   "$TRIPLET-strip" -o "$out" "$bin"
   check_target_abi "$out" || status=1
+  if [ "$(basename "$prog")" = routemgr ]; then
+    check_daemon_needs "$out" || status=1
+  fi
   printf '%-10s %8d bytes stripped\n' "$(basename "$prog")" "$(stat -c %s "$out")"
   "$TRIPLET-size" "$out" | tail -n 1
 done
