@@ -125,6 +125,12 @@ bool cTracepoint::SelectSink(std::string const& name, std::string const& ident) 
 
 void cTracepoint::SetSink(ITraceSink* sink) { State().custom = sink; }
 
+bool cTracepoint::Enabled(char const* level) {
+  TraceState const& st = State();
+  if (st.custom == nullptr && st.builtin == &st.offSink) return false;
+  return std::strtol(level, nullptr, 10) <= st.maxLevel;
+}
+
 void cTracepoint::SetMaxLevel(std::string const& level) { State().maxLevel = LevelNumber(level); }
 
 cTraceCapture::cTraceCapture() {

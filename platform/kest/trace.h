@@ -35,6 +35,10 @@ class cTracepoint {
   static void SetSink(ITraceSink* sink);
   // Traces at a numerically higher level than this are dropped ("000" most severe).
   static void SetMaxLevel(std::string const& level);
+  // Whether a trace at level would reach a sink: the trace macros skip
+  // formatting a message that nobody would see (hot paths trace per request).
+  static bool Enabled(char const* level);
+  static bool Enabled(std::string const& level) { return Enabled(level.c_str()); }
 };
 
 // Captures every trace while alive; tests compare the message texts.
@@ -55,6 +59,9 @@ class cTraceCapture : public ITraceSink {
 
 // Trace helper for the framework and tools: module, level and message, with
 // the call site filled in.
-#define KEST_TRACE(module, level, ...)                                                     \
-  ::kest::cTracepoint::Call((module), (level), 0, ::kest::FormatString(__VA_ARGS__), "", \
-                            __FILE__, __LINE__)
+#define KEST_TRACE(module, level, ...)                                                       \
+  do {                                                                                     \
+    if (::kest::cTracepoint::Enabled(level))                                               \
+      ::kest::cTracepoint::Call((module), (level), 0, ::kest::FormatString(__VA_ARGS__), "", \
+                                __FILE__, __LINE__);                                       \
+  } while (0)
