@@ -122,19 +122,33 @@ void cChannel::ReadSome() {
 bool cChannel::Dispatch() {
   cFrame frame;
   std::string error;
+  bool open = false;
+  bool const nested = m_dispatching;
+  m_dispatching = true;
   while (IsOpen()) {
-    switch (m_reader.Next(frame, error)) {
-      case cFrameReader::kNeedMore:
-        return true;
-      case cFrameReader::kError:
-        Abort("bad frame: " + error);
-        return false;
-      case cFrameReader::kFrame:
-        if (m_handler) m_handler->OnFrame(this, frame);
-        break;
+    cFrameReader::Result res = m_reader.Next(frame, error);
+    if (res == cFrameReader::kNeedMore) {
+      open = true;
+      break;
     }
+    if (res == cFrameReader::kError) {
+      Abort("bad frame: " + error);
+      break;
+    }
+    if (m_handler) m_handler->OnFrame(this, frame);
   }
-  return false;
+  m_dispatching = nested;
+  if (!nested) FlushQueued();
+  return open;
+}
+
+void cChannel::FlushQueued() {
+  if (!IsOpen() || Pending() == 0) return;
+  // As in Send: a failed write is left for the loop (EPOLLERR/EPOLLOUT).
+  if (WriteSome() != 0 && !m_wantWrite) {
+    m_wantWrite = true;
+    Loop().ModifyFd(m_fd, EPOLLIN | EPOLLOUT);
+  }
 }
 
 int cChannel::WriteSome() {
@@ -183,12 +197,10 @@ bool cChannel::Send(cFrame const& frame) {
     return false;
   }
   EncodeFrame(frame, m_out);
+  if (m_dispatching) return true;  // leaves with the rest once the read is handled
   // A failed write is left for the loop (EPOLLERR/EPOLLOUT), so the handler
   // never hears of a close from inside Send.
-  if (WriteSome() != 0 && !m_wantWrite) {
-    m_wantWrite = true;
-    Loop().ModifyFd(m_fd, EPOLLIN | EPOLLOUT);
-  }
+  FlushQueued();
   return true;
 }
 

@@ -95,6 +95,10 @@ class cChannel {
   std::size_t m_outPos = 0;
   std::size_t m_sendLimit = kDefaultSendLimit;
   bool m_wantWrite = false;
+  // Set while the frames of one read are handled: answers sent meanwhile are
+  // queued and leave together afterwards, one write for a whole pipeline.
+  bool m_dispatching = false;
+  void FlushQueued();
   friend class cServer;
   friend class cServiceClient;
 };
