@@ -4,8 +4,10 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -65,6 +67,7 @@ nl::cNlRoute RemovalOf(nl::cNlRoute const& r) {
 
 cNetlinkBackend::~cNetlinkBackend() {
   if (m_nl != nullptr) mnl_socket_close(m_nl);
+  if (m_ifFd >= 0) close(m_ifFd);
 }
 
 bool cNetlinkBackend::Open(std::string& error) {
@@ -90,6 +93,9 @@ bool cNetlinkBackend::Open(std::string& error) {
   // A fresh start seeds the numbers from the clock, so answers meant for a
   // previous instance cannot be taken for ours.
   m_seq = static_cast<std::uint32_t>(std::time(nullptr));
+  m_recvBuf.resize(kRecvBuffer);
+  // Without it lookups fall back to if_nametoindex; only slower.
+  m_ifFd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   return true;
 }
 
@@ -107,7 +113,8 @@ int cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
     m_detail = ErrnoText("netlink send", err);
     return -err;
   }
-  std::vector<std::uint8_t> buf(kRecvBuffer);
+  if (m_recvBuf.size() < kRecvBuffer) m_recvBuf.resize(kRecvBuffer);
+  std::vector<std::uint8_t>& buf = m_recvBuf;
   for (;;) {
     ssize_t n = mnl_socket_recvfrom(m_nl, buf.data(), buf.size());
     if (n < 0) {
@@ -129,7 +136,18 @@ int cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
 }
 
 int cNetlinkBackend::InterfaceIndex(std::string const& name, std::uint32_t& index) {
-  index = ValidInterfaceName(name) ? if_nametoindex(name.c_str()) : 0;
+  index = 0;
+  if (ValidInterfaceName(name)) {
+    // Asked afresh every time (one ioctl): a cached index could outlive
+    // its interface and send a route out of another one.
+    ifreq req{};
+    std::memcpy(req.ifr_name, name.c_str(), name.size());
+    if (m_ifFd >= 0 && ioctl(m_ifFd, SIOCGIFINDEX, &req) == 0) {
+      index = static_cast<std::uint32_t>(req.ifr_ifindex);
+    } else if (m_ifFd < 0) {
+      index = if_nametoindex(name.c_str());
+    }
+  }
   if (index == 0) {
     m_detail = "no interface '" + name + "'";
     return -ENODEV;

@@ -40,8 +40,12 @@ class cNetlinkBackend : public IRouteBackend {
   std::uint32_t NextSeq() { return ++m_seq; }
 
   mnl_socket* m_nl = nullptr;
+  // Kept open for interface lookups: if_nametoindex would open and close a
+  // socket for every request.
+  int m_ifFd = -1;
   std::uint32_t m_seq = 0;
   std::string m_detail;
+  std::vector<std::uint8_t> m_recvBuf;  // reused by every exchange
 };
 
 }  // namespace halproxy
