@@ -209,6 +209,12 @@ cSyncAssembler::Result cSyncAssembler::Add(cSync&& chunk, cSync& out, std::strin
     m_pending.push_back(std::move(chunk));
     return kIncomplete;
   }
+  if (m_pending[i].entries.size() + chunk.entries.size() > kMaxSyncEntries) {
+    error = kest::FormatString("sync of %s exceeds %zu entries; dropped", chunk.dir.c_str(),
+                               kMaxSyncEntries);
+    m_pending.erase(m_pending.begin() + static_cast<std::ptrdiff_t>(i));
+    return kIncomplete;
+  }
   for (auto& e : chunk.entries) m_pending[i].entries.push_back(std::move(e));
   if (more) return kIncomplete;
   out = std::move(m_pending[i]);

@@ -96,6 +96,10 @@ std::vector<kest::cSerializeBuffer> EncodeSyncChunks(cSync const& msg, std::size
 // Joins the chunks of one sync again, as the client receives them.
 class cSyncAssembler {
  public:
+  // A data manager that keeps sending "more" must not make a client buffer
+  // without bound: a device's directory holds hundreds of records, so a sync
+  // beyond this many entries is dropped whole.
+  static constexpr std::size_t kMaxSyncEntries = 100000;
   enum Result { kIncomplete, kComplete };
   // kComplete: out holds the whole sync (flags without kSyncMore). A chunk
   // that does not continue the sync in progress of its directory drops that

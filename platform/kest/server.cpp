@@ -105,8 +105,10 @@ bool ParseCount(std::string const& text, std::size_t min, std::size_t& out, std:
   return true;
 }
 
-cServer::cServer(cService* service, IServerHandler* handler, std::string traceModule)
-    : m_service(service), m_handler(handler), m_module(std::move(traceModule)) {}
+// The service is part of the signature so a server always belongs to one; the
+// process has a single loop, so nothing else is taken from it.
+cServer::cServer(cService* /*service*/, IServerHandler* handler, std::string traceModule)
+    : m_handler(handler), m_module(std::move(traceModule)) {}
 
 cServer::~cServer() {
   m_handler = nullptr;

@@ -79,7 +79,6 @@ class cServer : private IChannelHandler {
   std::string Where() const;  // the access point with the real port
   std::string Bounds() const;  // the limits in force, for the listen trace
 
-  cService* m_service;
   IServerHandler* m_handler;
   std::string m_module;
   cServerLimits m_limits;
