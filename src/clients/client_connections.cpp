@@ -3,6 +3,8 @@
 #include "core/route_mgr_service.h"
 #include "kest/channel.h"
 
+#include <utility>
+
 void cRouteMgrService::OnClientConnected(routeIO::cRouteServer*, kest::cChannel* client) {
   RM_TRACE("Route Client Connected:" + client->PeerInfo().ToString(""));
 }
@@ -13,8 +15,10 @@ void cRouteMgrService::OnClientClosed(routeIO::cRouteServer*, kest::cChannel* cl
   if (owner == m_RoutesByClient.end()) {
     return;
   }
-  // A copy: the walk erases routes while the set stays until the end.
-  std::set<std::string> const tags = owner->second;
+  // Taken out, not copied (a copy of 100,000 tags costs 8 MB at the peak):
+  // nothing reads the client's entry during the walk, and it is erased at
+  // the end.
+  std::set<std::string> const tags = std::move(owner->second);
   RM_TRACE("found custom routes by disconnected client - deleting");
   int deleted = 0;
   for (std::string const& tag : tags) {

@@ -2,6 +2,8 @@
 #include "core/rm_trace.h"
 #include "core/route_mgr_service.h"
 
+#include <utility>
+
 namespace {
 // Answer to DelRoute of a tag that no client has set.
 constexpr std::int32_t kUnknownTag = -100;
@@ -37,7 +39,7 @@ routeIO::routeResult cRouteMgrService::SetRoute(
     }
     m_Routes.erase(old);
   }
-  m_Routes.emplace(tag, entry);
+  m_Routes.emplace(tag, std::move(entry));
   m_RoutesByClient[client].insert(tag);
   return Result(HalSetRoute(network, netmask, gateway, source, ifname, priority, true));
 }
