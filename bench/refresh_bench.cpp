@@ -9,18 +9,27 @@
 //   bench.repeats=R       refreshes (default 5)
 //   bench.halproxyPid=P   also report the proxy's CPU time per refresh
 //   bench.between=CMD     shell command run between refreshes (the reference)
+//   bench.probed=K        then K more refreshes from the loop, 100 ms apart,
+//                         while a route client on another thread keeps
+//                         sending a cheap command: how long its commands
+//                         wait behind a refresh (default 3; 0: none)
 #include <time.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "core/route_mgr_service.h"
 #include "kest/loop.h"
 #include "kest/message.h"
 #include "kest/properties.h"
+#include "routeIO/route_client.h"
 #include "route_set.h"
 
 namespace {
@@ -51,7 +60,7 @@ class cBench {
   void Poll() {
     if (m_svc.ConfigReceived() && m_svc.HalClient().IsConnected() && m_svc.RouteServer().IsReady()) {
       Measure();
-      kest::Loop().Quit();
+      if (!StartProbe()) kest::Loop().Quit();
       return;
     }
     if (++m_polls > 3000) {
@@ -66,6 +75,9 @@ class cBench {
 
  private:
   void Measure() {
+    // Refreshes run only when this benchmark says: the service's own 5 s
+    // timer would add untimed ones in between.
+    m_svc.RefreshTimer().Stop();
     auto& props = kest::kestProperties();
     long n = std::strtol(props.GetStringForKey("bench.routes", "10000").c_str(), nullptr, 10);
     long repeats = std::strtol(props.GetStringForKey("bench.repeats", "5").c_str(), nullptr, 10);
@@ -108,9 +120,95 @@ class cBench {
     std::fflush(stdout);
   }
 
+  struct cSpan {
+    Clock::time_point begin, end;
+  };
+
+  // A client on its own thread asks, again and again, something that costs
+  // no HAL request (DelRoute of a tag nobody set) and notes when it asked
+  // and when the answer came.
+  bool StartProbe() {
+    m_probed = std::strtol(kest::kestProperties().GetStringForKey("bench.probed", "3").c_str(),
+                           nullptr, 10);
+    if (m_probed <= 0) return false;
+    std::string sap = "127.0.0.1:" + std::to_string(m_svc.RouteServer().BoundPort());
+    m_probe = std::thread([this, sap] {
+      routeIO::cRouteClient client;
+      std::string error;
+      if (!client.Connect(sap, 60000, error)) {
+        std::fprintf(stderr, "rmbench-refresh: probe: %s\n", error.c_str());
+        m_probeFailed = true;
+      }
+      while (!m_probeFailed && !m_stopProbe) {
+        auto t0 = Clock::now();
+        client.DelRoute("probe-never-set");
+        m_samples.push_back(cSpan{t0, Clock::now()});
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+      m_probeDone = true;
+    });
+    kest::Loop().AddTimer(kProbeGapMs, [this] { ProbedRefresh(); });
+    return true;
+  }
+
+  // As the refresh timer does it: the message handled in the loop, between
+  // whatever else the loop has to do.
+  void ProbedRefresh() {
+    cSpan span;
+    span.begin = Clock::now();
+    kest::cMsg msg("TIMER::ON-REFRESH");
+    m_svc.ProcessMsg(msg);
+    span.end = Clock::now();
+    m_refreshes.push_back(span);
+    if (static_cast<long>(m_refreshes.size()) < m_probed) {
+      kest::Loop().AddTimer(kProbeGapMs, [this] { ProbedRefresh(); });
+      return;
+    }
+    m_stopProbe = true;
+    WaitProbe();
+  }
+
+  // The probe may be waiting for an answer of this very loop: keep it turning.
+  void WaitProbe() {
+    if (!m_probeDone) {
+      kest::Loop().AddTimer(1, [this] { WaitProbe(); });
+      return;
+    }
+    m_probe.join();
+    // The longest wait of a command sent while a refresh ran, and that
+    // refresh's length: a command should wait at most the rest of it.
+    double maxWait = 0, itsRefresh = 0, maxRatio = 0, maxOther = 0;
+    for (auto const& s : m_samples) {
+      double wait = Ms(s.end - s.begin);
+      bool behind = false;
+      for (auto const& r : m_refreshes) {
+        if (s.begin < r.end && s.end > r.begin) {
+          behind = true;
+          double len = Ms(r.end - r.begin);
+          if (wait > maxWait) maxWait = wait, itsRefresh = len;
+          maxRatio = std::max(maxRatio, wait / len);
+        }
+      }
+      if (!behind) maxOther = std::max(maxOther, wait);
+    }
+    std::printf("probe_samples=%zu\nprobe_refreshes=%zu\nwait_max_ms=%.2f\nwait_refresh_ms=%.2f\n"
+                "wait_ratio=%.4f\nwait_outside_refresh_max_ms=%.2f\n",
+                m_samples.size(), m_refreshes.size(), maxWait, itsRefresh, maxRatio, maxOther);
+    std::fflush(stdout);
+    if (m_probeFailed) m_failed = true;
+    kest::Loop().Quit();
+  }
+
+  static constexpr std::uint64_t kProbeGapMs = 100;
+
   cRouteMgrService& m_svc;
   int m_polls = 0;
   bool m_failed = false;
+  long m_probed = 0;
+  std::thread m_probe;
+  std::atomic<bool> m_stopProbe{false}, m_probeDone{false}, m_probeFailed{false};
+  std::vector<cSpan> m_samples;  // written by the probe thread, read after join
+  std::vector<cSpan> m_refreshes;
 };
 
 }  // namespace
