@@ -1,7 +1,11 @@
-// The real programs: datamgr as a child process, datactl run as users do.
+// The real datamgr as a child process: a data client subscribed to it,
+// datactl run as users do, signals, and its listener's options.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,97 +16,188 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <thread>
+#include <utility>
 
 #include "dataIO/data_client.h"
 #include "datastore/records/db_network_status_collection.h"
+#include "datastore/records/db_wan_routing_collection.h"
+#include "kest/format.h"
 #include "kest/loop.h"
 #include "kest/service.h"
 
 namespace datamgr {
 namespace {
 
+using Lines = std::vector<std::string>;
+std::string const kStatus = "/Status/Network/";
+std::string const kDsl = "/Config/Network/WanSetups/dsl/Routing/";
+
 std::string ReadFile(std::string const& path) {
-  std::ifstream in(path);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path).rdbuf();
   return text.str();
 }
 
+// Calls step until done holds, for at most five seconds.
+bool Until(std::function<bool()> const& done, std::function<void()> const& step) {
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!done() && std::chrono::steady_clock::now() < deadline) step();
+  return done();
+}
+void Nap() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
+
+// datamgr on a Unix socket in a private directory with a copy of the shipped
+// example, its stderr (and that of the tools run against it) in a log.
+class cDatamgr {
+ public:
+  cDatamgr() {
+    char tmpl[] = "/tmp/datamgr-test-XXXXXX";
+    m_dir = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
+    std::ofstream(Config()) << ReadFile(EXAMPLE_CONFIG);
+  }
+  ~cDatamgr() {
+    if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+    std::system(("rm -rf " + m_dir).c_str());
+  }
+  std::string Path() const { return m_dir + "/data.sock"; }
+  std::string Sap() const { return "unix:" + Path(); }
+  std::string Config() const { return m_dir + "/device.json"; }
+  std::string Log() const { return ReadFile(m_dir + "/log"); }
+  bool Logged(std::string const& text) const {
+    return Until([&] { return Log().find(text) != std::string::npos; }, Nap);
+  }
+  // True once it listens.
+  bool Start(std::vector<std::string> args = {}) {
+    args.insert(args.begin(), {DATAMGR_BIN, "--config", Config(), "--listen", Sap()});
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t log;
+    posix_spawn_file_actions_init(&log);
+    posix_spawn_file_actions_addopen(&log, 2, (m_dir + "/log").c_str(), O_WRONLY | O_CREAT, 0644);
+    bool const ok = posix_spawn(&m_pid, DATAMGR_BIN, &log, nullptr, argv.data(), environ) == 0;
+    posix_spawn_file_actions_destroy(&log);
+    return ok && Logged("listening on");
+  }
+  void Signal(int sig) const { kill(m_pid, sig); }
+  int Stop() {
+    int status = 0;
+    Signal(SIGTERM);
+    waitpid(std::exchange(m_pid, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // A command run to its end: its exit status.
+  int Run(std::string const& command) const {
+    int const status = std::system((command + " >/dev/null 2>>" + m_dir + "/log").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  int Datactl(std::string const& args) const {
+    return Run(DATACTL_BIN " --server " + Sap() + " " + args);
+  }
+
+ private:
+  std::string m_dir;
+  pid_t m_pid = -1;
+};
+
 class DatamgrProcess : public ::testing::Test, public dataIO::IDataClient {
  protected:
-  void SetUp() override {
-    kest::ResetLoop();
-    std::string const dir = testing::TempDir();
-    m_socket = dir + "datamgr_process_test.sock";
-    m_config = dir + "datamgr_process_test.json";
-    m_log = dir + "datamgr_process_test.log";
-    std::ofstream(m_config) << ReadFile(EXAMPLE_CONFIG);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, m_log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::string const listen = "unix:" + m_socket;
-    char const* argv[] = {DATAMGR_BIN, "--listen", listen.c_str(), "--config", m_config.c_str(), nullptr};
-    ASSERT_EQ(posix_spawn(&m_pid, DATAMGR_BIN, &actions, nullptr, const_cast<char**>(argv), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-  }
-  void TearDown() override {
-    client.reset();
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-    for (auto const& f : {m_config, m_log}) std::remove(f.c_str());
-  }
-
   void OnConnect(kest::cServiceClient*) override {}
   void OnDisconnect(kest::cServiceClient*) override {}
   void OnSync(dataIO::cDataClient*, dataIO::cDBCollection* c) override {
-    setup = static_cast<dataIO::cDBNetworkStatusCollection*>(c)->ReceivedWanSetupName();
+    if (c == status) syncs.push_back(kStatus + " setup " + status->ReceivedWanSetupName());
+    if (c == routes) syncs.push_back(kDsl + " " + std::to_string(routes->RoutesReceived().size()));
   }
-
-  bool RunUntil(std::function<bool()> done) {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(10);
-    return done();
-  }
-  int Datactl(std::string const& args) {
-    std::string const cmd = std::string(DATACTL_BIN) + " --server unix:" + m_socket + " " + args +
-                            " >/dev/null 2>&1";
-    int const status = std::system(cmd.c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  // The syncs from now until n have come, and a little longer for any that should not.
+  Lines Syncs(std::size_t n = 1) {
+    syncs.clear();
+    Until([&] { return syncs.size() >= n; }, [] { kest::Loop().RunOnce(10); });
+    for (int i = 0; i < 20; ++i) kest::Loop().RunOnce(5);
+    return syncs;
   }
 
   kest::cService service;
-  std::unique_ptr<dataIO::cDataClient> client;
-  std::string setup;
-  pid_t m_pid = -1;
-  std::string m_socket, m_config, m_log;
+  dataIO::cDBNetworkStatusCollection* status = nullptr;
+  dataIO::cDBWanRoutingCollection* routes = nullptr;
+  Lines syncs;
 };
 
-TEST_F(DatamgrProcess, DatactlReachesASubscribedClientAndABadReloadChangesNothing) {
-  client = std::make_unique<dataIO::cDataClient>(&service, this, 1000, "unix:" + m_socket);
-  ASSERT_TRUE(client->Start());
-  ASSERT_TRUE(client->RegisterCollection(new dataIO::cDBNetworkStatusCollection()));
-  ASSERT_TRUE(RunUntil([&] { return setup == "dsl"; })) << ReadFile(m_log);
+TEST_F(DatamgrProcess, ServesTheExampleFollowsDatactlReloadsOnSighupAndEndsOnSigterm) {
+  cDatamgr dm;
+  ASSERT_TRUE(dm.Start()) << dm.Log();
+  dataIO::cDataClient client(&service, this, 1000, dm.Sap());
+  ASSERT_TRUE(client.Start());
+  ASSERT_TRUE(client.RegisterCollection(status = new dataIO::cDBNetworkStatusCollection()));
+  ASSERT_TRUE(client.RegisterCollection(routes = new dataIO::cDBWanRoutingCollection("dsl")));
+  EXPECT_EQ(Syncs(2), (Lines{kStatus + " setup dsl", kDsl + " 4"})) << dm.Log();
+  EXPECT_EQ(routes->RoutesReceived().at("mgmt").ToString(""),
+            "192.168.50.0/255.255.255.0 via own gateway (gw 192.168.1.254) \"management network "
+            "behind the DSL modem\"");
 
-  EXPECT_EQ(Datactl("set-wan-setup lte"), 0);
-  ASSERT_TRUE(RunUntil([&] { return setup == "lte"; })) << ReadFile(m_log);
-  EXPECT_EQ(Datactl("route-del dsl nosuchroute"), 1);
-  EXPECT_EQ(Datactl("route-set dsl"), 2);
+  // A reload pushes only what changed: one route of the setup in force.
+  std::string text = ReadFile(EXAMPLE_CONFIG);
+  text.replace(text.find("\"255.240.0.0\""), 13, "\"255.255.0.0\"");
+  std::ofstream(dm.Config()) << text;
+  dm.Signal(SIGHUP);
+  EXPECT_EQ(Syncs(), Lines{kDsl + " 4"}) << dm.Log();
+  EXPECT_EQ(routes->RoutesReceived().at("backup").m_netmask.GetIPString(), "255.255.0.0");
 
-  std::ofstream(m_config) << "{\n  \"status\": {\"wanSetup\": \"fibre\"}\n  \"wanSetups\": {}\n}\n";
-  kill(m_pid, SIGHUP);
-  ASSERT_TRUE(RunUntil([&] { return ReadFile(m_log).find("reload refused") != std::string::npos; }));
-  EXPECT_NE(ReadFile(m_log).find(m_config + ":3:"), std::string::npos) << ReadFile(m_log);
-  EXPECT_EQ(Datactl("list /Status/Network/"), 0);  // still serving
-  EXPECT_EQ(setup, "lte");
+  // A broken file is refused with its line and changes nothing: the next
+  // sync is datactl's change alone.
+  std::ofstream(dm.Config()) << "{\n\"status\": {\"wanSetup\": \"fibre\"}\n\"wanSetups\": {}\n}\n";
+  dm.Signal(SIGHUP);
+  EXPECT_TRUE(dm.Logged("the previous configuration stays: " + dm.Config() + ":3:")) << dm.Log();
+  EXPECT_EQ(dm.Datactl("set-wan-setup lte"), 0);
+  EXPECT_EQ(Syncs(), Lines{kStatus + " setup lte"});
+  EXPECT_EQ(dm.Datactl("route-del dsl nosuchroute"), 1);
+  EXPECT_EQ(dm.Datactl("route-set dsl"), 2);
+  EXPECT_EQ(dm.Stop(), 0);
+}
 
-  kill(m_pid, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(waitpid(m_pid, &status, 0), m_pid);
-  m_pid = -1;
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+TEST(DatamgrAccess, ModeConnectionLimitAllowListsAndBadValues) {
+  if (std::getenv("ROUTEMGR_EMULATED") != nullptr)
+    GTEST_SKIP() << "peer credentials and socket modes: not under emulation";
+  cDatamgr dm;
+  ASSERT_TRUE(dm.Start({"--socket-mode", "0640", "--max-connections=1", "--send-limit", "65540"}))
+      << dm.Log();
+  struct stat st {};
+  EXPECT_EQ(stat(dm.Path().c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
+  EXPECT_TRUE(dm.Logged("listening on " + dm.Sap() + " (mode 0640, any user the mode lets in; at "
+                        "most 1 connections, send limit 65540 bytes)"))
+      << dm.Log();
+  int holder = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un un{AF_UNIX, {}};
+  dm.Path().copy(un.sun_path, sizeof un.sun_path - 1);
+  ASSERT_EQ(connect(holder, reinterpret_cast<sockaddr*>(&un), sizeof un), 0);
+  // Accepted in the order they came: the holder has the one place.
+  EXPECT_NE(dm.Datactl("list"), 0);
+  EXPECT_TRUE(dm.Logged("1 connections open, the limit")) << dm.Log();
+  close(holder);
+  EXPECT_TRUE(Until([&] { return dm.Datactl("list") == 0; }, Nap));  // once it has seen the close
+
+  std::string const otherUid = std::to_string(getuid() + 1);
+  cDatamgr refusing, admitting;
+  ASSERT_TRUE(refusing.Start({"--allow-uid", otherUid})) << refusing.Log();
+  EXPECT_NE(refusing.Datactl("list"), 0);
+  EXPECT_TRUE(refusing.Logged(kest::FormatString("uid %u gid %u not allowed", getuid(), getgid())))
+      << refusing.Log();
+  ASSERT_TRUE(admitting.Start({"--allow-uid", otherUid, "--allow-gid", std::to_string(getgid())}))
+      << admitting.Log();
+  EXPECT_EQ(admitting.Datactl("list"), 0);
+
+  std::pair<char const*, char const*> const bad[] = {
+      {"--socket-mode 0999", "bad value '0999' for --socket-mode"},
+      {"--max-connections=0", "bad value '0' for --max-connections"},
+      {"--send-limit 1024", "bad value '1024' for --send-limit"},
+      {"--allow-gid=no-such-group-here", "unknown group \"no-such-group-here\""},
+      {"--listen 127.0.0.1:0 --allow-uid 0", "need --listen unix:/path"},
+  };
+  for (auto const& [args, said] : bad) {
+    cDatamgr once;
+    EXPECT_EQ(once.Run(DATAMGR_BIN " --listen " + once.Sap() + " " + args), 2) << args;
+    EXPECT_NE(once.Log().find(said), std::string::npos) << once.Log();
+  }
 }
 
 }  // namespace
