@@ -2,93 +2,86 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
+#include "kest/access_point.h"
+#include "test_support.h"
 
 namespace {
 
-kest::cFrame MakeFrame(std::uint8_t kind, std::uint32_t id, std::uint16_t op, std::string body) {
-  kest::cFrame f;
-  f.kind = kind;
-  f.id = id;
-  f.op = op;
-  f.body.Write(body.data(), body.size());
-  return f;
-}
-
-std::string Body(kest::cFrame const& f) {
-  return std::string(reinterpret_cast<char const*>(f.body.Data()), f.body.Size());
-}
+using kesttest::Bytes;
+using kesttest::Wire;
 
 TEST(Frame, WireLayoutIsLittleEndian) {
-  std::vector<std::uint8_t> out;
-  kest::EncodeFrame(MakeFrame(kest::cFrame::kReply, 0x01020304, 0x0506, "ab"), out);
-  std::vector<std::uint8_t> want = {9, 0, 0, 0, 2, 4, 3, 2, 1, 6, 5, 'a', 'b'};
-  EXPECT_EQ(out, want);
+  EXPECT_EQ(Wire(kest::cFrame::kReply, 0x01020304, 0x0506, "ab"),
+            (Bytes{9, 0, 0, 0, 2, 4, 3, 2, 1, 6, 5, 'a', 'b'}));
 }
 
 TEST(FrameReader, DecodesWhateverTheChunking) {
-  std::vector<kest::cFrame> sent = {
-      MakeFrame(kest::cFrame::kRequest, 1, 7, ""),
-      MakeFrame(kest::cFrame::kEvent, 0, 65535, "event body"),
-      MakeFrame(kest::cFrame::kReply, 0xffffffff, 2,
-                std::string(kest::kMaxFrame - (kest::kFrameHeader - 4), 'x')),  // largest allowed
-  };
-  std::vector<std::uint8_t> wire;
-  for (auto const& f : sent) kest::EncodeFrame(f, wire);
-
-  for (std::size_t chunk :
-       {std::size_t{1}, std::size_t{3}, std::size_t{11}, std::size_t{4096}, wire.size()}) {
-    SCOPED_TRACE(chunk);
+  std::string const largest(kest::kMaxFrame - (kest::kFrameHeader - 4), 'x');
+  Bytes wire = Wire(kest::cFrame::kRequest, 1, 7, ""), more = Wire(kest::cFrame::kEvent, 0, 65535, "ev"),
+        most = Wire(kest::cFrame::kReply, 0xffffffff, 2, largest);
+  wire.insert(wire.end(), more.begin(), more.end());
+  wire.insert(wire.end(), most.begin(), most.end());
+  for (std::size_t chunk : {1, 3, 11, 4096, 200000}) {
     kest::cFrameReader reader;
-    std::vector<kest::cFrame> got;
-    std::string error;
+    std::vector<std::string> got;
     for (std::size_t pos = 0; pos < wire.size(); pos += chunk) {
       reader.Feed(wire.data() + pos, std::min(chunk, wire.size() - pos));
       kest::cFrame f;
+      std::string error;
       kest::cFrameReader::Result r;
-      while ((r = reader.Next(f, error)) == kest::cFrameReader::kFrame) got.push_back(f);
+      while ((r = reader.Next(f, error)) == kest::cFrameReader::kFrame)
+        got.push_back(kest::FormatString("%u %u %u ", f.kind, f.id, f.op) + kesttest::Text(f.body));
       ASSERT_EQ(r, kest::cFrameReader::kNeedMore) << error;
     }
-    ASSERT_EQ(got.size(), sent.size());
-    for (std::size_t i = 0; i < sent.size(); ++i) {
-      EXPECT_EQ(got[i].kind, sent[i].kind);
-      EXPECT_EQ(got[i].id, sent[i].id);
-      EXPECT_EQ(got[i].op, sent[i].op);
-      EXPECT_EQ(Body(got[i]), Body(sent[i]));
-    }
+    EXPECT_EQ(got, (std::vector<std::string>{"1 1 7 ", "3 0 65535 ev", "2 4294967295 2 " + largest}))
+        << "chunks of " << chunk;
     EXPECT_EQ(reader.Buffered(), 0u);
   }
 }
 
 TEST(FrameReader, RejectsBadHeadersWithoutWaitingForTheBody) {
-  struct Case {
-    std::vector<std::uint8_t> header;
-    char const* error;
-  };
-  Case cases[] = {
+  std::pair<Bytes, char const*> const cases[] = {
       {{0x01, 0x00, 0x01, 0x00}, "frame length 65537 exceeds the limit of 65536 bytes"},
       {{0xff, 0xff, 0xff, 0xff}, "frame length 4294967295 exceeds the limit"},
       {{0x06, 0x00, 0x00, 0x00}, "frame length 6 is shorter than the 7-byte header"},
       {{0x07, 0x00, 0x00, 0x00, 0x00}, "unknown frame kind 0"},
       {{0x20, 0x00, 0x00, 0x00, 'G'}, "unknown frame kind 71"},
   };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.error);
-    // A good frame before the garbage is still delivered.
-    std::vector<std::uint8_t> wire;
-    kest::EncodeFrame(MakeFrame(kest::cFrame::kEvent, 0, 1, "ok"), wire);
-    wire.insert(wire.end(), c.header.begin(), c.header.end());
+  for (auto const& [header, message] : cases) {
+    Bytes wire = Wire(kest::cFrame::kEvent, 0, 1, "ok");  // still delivered
+    wire.insert(wire.end(), header.begin(), header.end());
     kest::cFrameReader reader;
     reader.Feed(wire.data(), wire.size());
     kest::cFrame f;
     std::string error;
     ASSERT_EQ(reader.Next(f, error), kest::cFrameReader::kFrame);
-    EXPECT_EQ(Body(f), "ok");
-    ASSERT_EQ(reader.Next(f, error), kest::cFrameReader::kError);
-    EXPECT_NE(error.find(c.error), std::string::npos) << error;
-    // The reader stays broken: the stream cannot be resynchronised.
+    EXPECT_EQ(kesttest::Text(f.body), "ok");
     EXPECT_EQ(reader.Next(f, error), kest::cFrameReader::kError);
+    EXPECT_NE(error.find(message), std::string::npos) << error;
+    // The stream cannot be resynchronised, so the reader stays broken.
+    EXPECT_EQ(reader.Next(f, error), kest::cFrameReader::kError);
+  }
+}
+
+TEST(AccessPoint, ParsesTcpAndUnixAndNamesMalformedTexts) {
+  kest::cAccessPoint ap;
+  std::string error;
+  for (char const* text : {"127.0.0.1:3710", "0.0.0.0:0", "255.255.255.255:65535", "unix:/r.sock"}) {
+    EXPECT_TRUE(kest::cAccessPoint::Parse(text, ap, error)) << error;
+    EXPECT_EQ(ap.ToString(), text);
+  }
+  EXPECT_EQ(ap.path, "/r.sock");
+  ASSERT_TRUE(kest::cAccessPoint::Parse("192.168.10.1:80", ap, error));
+  EXPECT_EQ(kest::FormatString("%d %x %u", ap.kind == kest::cAccessPoint::kTcp, ap.ip, ap.port),
+            "1 c0a80a01 80");
+  std::string const bad[] = {
+      "", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "127.0.0.1:80x",
+      "127.0.0.1: 80", "127.0.0.1:080", "127.0.0:80", "1.2.3.4.5:80", "256.0.0.1:80",
+      "01.2.3.4:80", "localhost:80", " 127.0.0.1:80", "127.0.0.1:80 ", "unix:",
+      "unix:relative/path", "unix:/" + std::string(200, 'p')};
+  for (std::string const& text : bad) {
+    EXPECT_FALSE(kest::cAccessPoint::Parse(text, ap, error)) << text;
+    EXPECT_NE(error.find("malformed access point \"" + text + "\""), std::string::npos) << error;
   }
 }
 

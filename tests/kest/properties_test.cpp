@@ -3,110 +3,79 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "kest/trace.h"
 
 namespace {
 
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
 class PropertiesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/kest-props-XXXXXX";
-    int fd = mkstemp(tmpl);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    path = tmpl;
-  }
   void TearDown() override {
-    std::remove(path.c_str());
+    unlink(path.c_str());
     kest::kestDeinit(true);
   }
   void Write(std::string const& text) { std::ofstream(path) << text; }
-
-  // Runs kestInit with the given arguments after the program name.
-  void Init(std::vector<std::string> args) {
+  void Init(std::vector<std::string> args) {  // the program name comes first
     args.insert(args.begin(), "prog");
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(&a[0]);
     argv.push_back(nullptr);
-    kest::kestInit(static_cast<int>(args.size()), argv.data(), "extra usage");
+    kest::kestInit(int(args.size()), argv.data(), "extra usage");
   }
-  std::string path;
+  std::string path = "/tmp/kest-props-" + std::to_string(getpid());
 };
 
-TEST_F(PropertiesTest, LoadFileParsesLinesOrNamesTheBadOne) {
-  struct Case {
-    std::string text;
-    bool ok;
-    std::string key, value, error;
-  };
-  std::vector<Case> cases = {
-      {"# comment\n\n  a.b = 1 2 \n", true, "a.b", "1 2", ""},
-      {"k=v=w\n", true, "k", "v=w", ""},
-      {"k=\n", true, "k", "", ""},
-      {"ok=1\n# fine\nno equals here\n", false, "", "", ":3: expected key=value"},
-      {"=value\n", false, "", "", ":1: expected key=value"},
-  };
-  for (auto const& c : cases) {
-    Write(c.text);
-    kest::cPropertyList props;
-    std::string error;
-    EXPECT_EQ(props.LoadFile(path, error), c.ok) << c.text;
-    if (c.ok) {
-      EXPECT_EQ(props.GetStringForKey(c.key, "<unset>"), c.value) << c.text;
-    } else {
-      EXPECT_EQ(error.rfind(path + c.error, 0), 0u) << error;
-      EXPECT_FALSE(props.Has("ok"));  // a bad file sets nothing
-    }
-  }
-  kest::cPropertyList props;
-  std::string error;
-  EXPECT_FALSE(props.LoadFile(path + ".missing", error));
-  EXPECT_NE(error.find(path + ".missing"), std::string::npos);
-}
-
 TEST_F(PropertiesTest, OverridesWinOverTheFileInEitherSpelling) {
-  Write("system.a=file\nsystem.b=file\nsystem.c=file\n");
-  Init({"--prop", "system.a=cli", "--props", path, "--prop=system.b=cli=x"});
+  Write("# comment\n\ns.a=file\ns.b=file\n  s.c = file = 3 \n");
+  Init({"--prop", "s.a=cli", "--props", path, "--prop=s.b=cli=x", "--prop", "kest.trace=off"});
   auto& p = kest::kestProperties();
-  EXPECT_EQ(p.GetStringForKey("system.a", "def"), "cli");
-  EXPECT_EQ(p.GetStringForKey("system.b", "def"), "cli=x");
-  EXPECT_EQ(p.GetStringForKey("system.c", "def"), "file");
-  EXPECT_EQ(p.GetStringForKey("system.none", "def"), "def");
-}
-
-TEST_F(PropertiesTest, TracePropertySelectsTheSink) {
-  Init({"--prop", "kest.trace=off"});
-  ::testing::internal::CaptureStderr();
-  kest::cTracepoint::Call("M", "001", 0, "hidden", "", "f", 1);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(p.GetStringForKey("s.a", "def"), "cli");
+  EXPECT_EQ(p.GetStringForKey("s.b", "def"), "cli=x");
+  EXPECT_EQ(p.GetStringForKey("s.c", "def"), "file = 3");
+  EXPECT_EQ(p.GetStringForKey("s.none", "def"), "def");
+  CaptureStderr();
+  KEST_TRACE("M", "001", "hidden");
+  EXPECT_EQ(GetCapturedStderr(), "");
 }
 
 using PropertiesDeathTest = PropertiesTest;
 
 TEST_F(PropertiesDeathTest, BadCommandLinesExitTwoNamingTheProblem) {
   Write("good=1\nbad line\n");
-  struct Case {
-    std::vector<std::string> args;
-    std::string stderrRegex;
-  };
-  std::vector<Case> cases = {
+  std::pair<std::vector<std::string>, char const*> const cases[] = {
       {{"--bogus"}, "unknown option '--bogus'"},
-      {{"stray"}, "unknown option 'stray'"},
       {{"--props"}, "'--props' needs a value"},
       {{"--prop", "novalue"}, "KEY=VALUE, got 'novalue'"},
       {{"--props", path}, ":2: expected key=value"},
       {{"--prop", "kest.trace=printer"}, "unknown trace sink 'printer'"},
   };
-  for (auto const& c : cases) {
-    EXPECT_EXIT(Init(c.args), ::testing::ExitedWithCode(2), c.stderrRegex) << c.args[0];
-  }
+  for (auto const& [args, message] : cases)
+    EXPECT_EXIT(Init(args), ::testing::ExitedWithCode(2), message) << args[0];
   EXPECT_EXIT(Init({"--help"}), ::testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(Init({"--version"}), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(Trace, OneLineOnStderrPerTraceAndNothingOnStdout) {
+  EXPECT_EQ(kest::FormatString("<%s>", std::string(5000, 'q').c_str()).size(), 5002u);
+  std::tuple<char const*, char const*, char const*> const cases[] = {  // sink, max level, stderr
+      {"stderr", "999", "Mod 005 file.cpp:7 two lines\n"},
+      {"stderr", "004", ""},  // 005 is above the maximum level
+  };
+  for (auto const& [sink, maxLevel, want] : cases) {
+    ASSERT_TRUE(kest::cTracepoint::SelectSink(sink));
+    kest::cTracepoint::SetMaxLevel(maxLevel);
+    ::testing::internal::CaptureStdout();
+    CaptureStderr();
+    kest::cTracepoint::Call("Mod", "005", 0, "two\nlines\n", "", "src/file.cpp", 7);
+    EXPECT_EQ(GetCapturedStderr(), want) << sink << " " << maxLevel;
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  }
+  EXPECT_FALSE(kest::cTracepoint::SelectSink("printer"));
+  kest::cTracepoint::SelectSink("stderr");
+  kest::cTracepoint::SetMaxLevel("999");
 }
 
 }  // namespace
