@@ -13,7 +13,7 @@
 namespace {
 
 using kesttest::PumpUntil;
-using RawEnd;
+using kesttest::RawEnd;
 using kesttest::Traced;
 using kesttest::Wire;
 using Strings = std::vector<std::string>;
