@@ -1,25 +1,24 @@
 #include "e2e/stack.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <thread>
 
 #include "routectl/hal_table.h"
 
 namespace e2e {
-
 namespace {
-
-std::string Loopback(std::uint16_t port) { return "127.0.0.1:" + std::to_string(port); }
-
-bool Contains(std::vector<std::string> const& lines, std::string const& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-// Enough of each log to see what went wrong without drowning the report.
-constexpr std::size_t kTailLines = 40;
 
 // Under user-mode emulation of the target (cross builds) a test program
 // cannot start the other target programs: every test skips itself.
@@ -34,113 +33,169 @@ class cSkipWhenEmulated : public ::testing::Environment {
 
 }  // namespace
 
-cStack::cStack() : cStack(cOptions{}) {}
+bool PollUntil(std::function<bool()> const& cond, int timeoutMs) {
+  auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!cond()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::string ReadFile(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+cProcess::cProcess(std::vector<std::string> args, std::string log, std::vector<std::string> env)
+    : m_log(std::move(log)) {
+  // Everything the child needs is built before fork: after it, only
+  // async-signal-safe calls. The runner's own init system must not hear
+  // from our daemons, so its variables are not passed on.
+  std::vector<char*> argv, envp;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  for (char** e = environ; *e != nullptr; ++e)
+    if (std::strncmp(*e, "NOTIFY_SOCKET=", 14) != 0 && std::strncmp(*e, "WATCHDOG_", 9) != 0)
+      envp.push_back(*e);
+  for (auto& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  m_pid = fork();
+  if (m_pid == 0) {
+    setpgid(0, 0);  // a Ctrl-C at the terminal is for the test runner, not its children
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGPIPE, SIG_DFL);
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) _exit(126);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+}
+
+bool cProcess::Running() {
+  if (m_pid <= 0) return false;
+  int status = 0;
+  pid_t const r = waitpid(m_pid, &status, WNOHANG);
+  if (r == 0) return true;
+  m_status = r != m_pid ? -1000 : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  m_pid = -1;
+  return false;
+}
+
+int cProcess::Stop() {
+  Signal(SIGTERM);
+  if (!WaitExit()) {
+    Signal(SIGKILL);
+    WaitExit();
+  }
+  return m_status;
+}
 
 cStack::cStack(cOptions options) : m_options(std::move(options)) {
-  std::vector<std::uint16_t> ports = FreePorts(3);
-  if (ports.size() != 3) ADD_FAILURE() << "no free loopback ports";
-  ports.resize(3, 0);
-  m_halSap = m_options.halOnUnixSocket ? "unix:" + Dir() + "/hal.sock" : Loopback(ports[0]);
-  m_dataSap = Loopback(ports[1]);
-  m_routeSap = Loopback(ports[2]);
+  char tmpl[] = "/tmp/rm-e2e-XXXXXX";
+  dir = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
+  if (!m_options.halPrefix.empty()) halSap = "unix:" + dir + "/hal.sock";
 }
 
 cStack::~cStack() {
   // Route clients first, the daemon next, its peers last: the order of a
   // clean shutdown, so logs end the way they would in the field.
-  if (route) route->Stop();
-  if (data) data->Stop();
-  if (hal) hal->Stop();
-  if (!::testing::Test::HasFailure()) return;
-  for (auto const& path : m_logs) {
-    std::vector<std::string> lines = SplitLines(ReadFile(path));
-    std::size_t from = lines.size() > kTailLines ? lines.size() - kTailLines : 0;
-    std::fprintf(stderr, "----- %s (last %zu lines) -----\n", path.c_str(), lines.size() - from);
-    for (std::size_t i = from; i < lines.size(); ++i)
-      std::fprintf(stderr, "%s\n", lines[i].c_str());
-  }
+  for (auto* p : {&route, &data, &hal})
+    if (*p) (*p)->Stop();
+  // The end of each log, enough to see what went wrong without drowning the report.
+  for (auto const& path : ::testing::Test::HasFailure() ? m_logs : std::vector<std::string>{})
+    std::system(("tail -v -n 40 '" + path + "' >&2").c_str());
+  std::system(("rm -rf '" + dir + "'").c_str());
 }
 
-std::string cStack::NextLog(std::string const& name) {
-  std::string path = Dir() + "/" + std::to_string(++m_runs) + "-" + name + ".log";
-  m_logs.push_back(path);
+// A fresh name in the stack's directory, numbered in order of use; the
+// logs among them are printed when the test fails.
+std::string cStack::NextFile(std::string const& name, bool log) {
+  std::string const path = dir + "/" + std::to_string(++m_files) + "-" + name;
+  if (log) m_logs.push_back(path);
   return path;
+}
+
+std::string cStack::Write(std::string const& name, std::string const& text) const {
+  std::ofstream(dir + "/" + name) << text;
+  return dir + "/" + name;
+}
+
+bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
+                    std::vector<std::string> argv, std::string& sap,
+                    std::vector<std::string> env) {
+  slot = std::make_unique<cProcess>(std::move(argv), NextFile(name + ".log"), std::move(env));
+  if (!slot->WaitForLog("listening on ")) return false;
+  std::string const log = slot->Log();
+  std::size_t const at = log.find("listening on ") + 13;
+  sap = log.substr(at, log.find_first_of(" ,\n", at) - at);
+  return true;
 }
 
 bool cStack::StartHal() {
   std::vector<std::string> argv = m_options.halPrefix;
-  argv.push_back(HALPROXY_BIN);
-  argv.push_back("--listen=" + m_halSap);
-  argv.push_back("--log-level=debug");
+  argv.insert(argv.end(), {HALPROXY_BIN, "--listen=" + halSap, "--log-level=debug"});
   argv.insert(argv.end(), m_options.halArgs.begin(), m_options.halArgs.end());
-  hal = std::make_unique<cProcess>("halproxy", argv, NextLog("halproxy"));
-  return hal->Start() && PollUntil([this] { return Accepts(m_halSap); }, kStartTimeoutMs);
+  return Launch(hal, "halproxy", argv, halSap);
 }
 
 bool cStack::StartDataMgr() {
-  data = std::make_unique<cProcess>(
-      "datamgr",
-      std::vector<std::string>{DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", m_dataSap},
-      NextLog("datamgr"));
-  return data->Start() && PollUntil([this] { return Accepts(m_dataSap); }, kStartTimeoutMs);
+  return Launch(data, "datamgr", {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap},
+                dataSap);
 }
 
-bool cStack::StartRouteMgr() {
-  route = std::make_unique<cProcess>(
-      "routemgr",
-      std::vector<std::string>{ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + m_halSap,
-                               "--prop", "system.customDataMgrSap=" + m_dataSap, "--prop",
-                               "system.routeMgrSap=" + m_routeSap},
-      NextLog("routemgr"));
-  // The route service listens only once both peers are connected.
-  return route->Start() && PollUntil([this] { return Accepts(m_routeSap); }, kStartTimeoutMs);
+// The route service listens only once both peers are connected.
+bool cStack::StartRouteMgr(std::vector<std::string> env) {
+  return Launch(route, "routemgr",
+                {ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + halSap, "--prop",
+                 "system.customDataMgrSap=" + dataSap, "--prop",
+                 "system.routeMgrSap=" + routeSap},
+                routeSap, std::move(env));
 }
-
-bool cStack::Start() { return StartHal() && StartDataMgr() && StartRouteMgr(); }
 
 std::vector<std::string> cStack::HalTable() const {
   std::vector<std::string> lines;
   std::string error;
-  if (!routectl::FetchHalTable(m_halSap, 2000, lines, error)) return {"error: " + error};
+  if (!routectl::FetchHalTable(halSap, 2000, lines, error)) return {"error: " + error};
   return lines;
 }
 
-bool cStack::WaitTable(std::vector<std::string> const& want,
-                       std::vector<std::string> const& unwanted, int timeoutMs) const {
-  return PollUntil(
-      [&] {
-        std::vector<std::string> table = HalTable();
-        for (auto const& w : want)
-          if (!Contains(table, w)) return false;
-        for (auto const& u : unwanted)
-          if (Contains(table, u)) return false;
-        return true;
-      },
-      timeoutMs);
+::testing::AssertionResult cStack::WaitTable(std::vector<std::string> const& want,
+                                             std::vector<std::string> const& unwanted,
+                                             int timeoutMs) const {
+  std::vector<std::string> table;
+  auto in = [&](std::string const& l) { return std::count(table.begin(), table.end(), l) > 0; };
+  auto holds = [&] {
+    table = HalTable();
+    return std::all_of(want.begin(), want.end(), in) &&
+           std::none_of(unwanted.begin(), unwanted.end(), in);
+  };
+  if (PollUntil(holds, timeoutMs)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "the HAL proxy's table: "
+                                       << ::testing::PrintToString(table);
 }
 
-cToolRun cStack::Routectl(std::vector<std::string> const& args, std::string const& input) {
-  std::vector<std::string> argv{ROUTECTL_BIN, "--server", m_routeSap};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::string base = Dir() + "/" + std::to_string(++m_runs) + "-routectl";
+// Bounded by timeout(1), so a hung tool fails the test instead of holding it.
+cToolRun cStack::Run(std::string const& program, std::string const& sap,
+                     std::vector<std::string> const& args, std::string const& input) {
+  std::string const base = NextFile(program.substr(program.rfind('/') + 1), false);
+  std::string cmd = "timeout -s KILL 10 " + program + " --server " + sap;
+  for (auto const& a : args) cmd += " '" + a + "'";
+  std::ofstream(base + ".in") << input;
+  cmd += " <" + base + ".in >" + base + ".out 2>" + base + ".err";
+  int const status = std::system(cmd.c_str());
   m_logs.push_back(base + ".err");
-  return RunTool(argv, base, input);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(base + ".out"),
+          ReadFile(base + ".err")};
 }
 
 std::unique_ptr<cProcess> cStack::SpawnRoutectl(std::vector<std::string> const& args) {
-  std::vector<std::string> argv{ROUTECTL_BIN, "--server", m_routeSap};
+  std::vector<std::string> argv{ROUTECTL_BIN, "--server", routeSap};
   argv.insert(argv.end(), args.begin(), args.end());
-  auto p = std::make_unique<cProcess>("routectl", argv, NextLog("routectl"));
-  p->Start();
-  return p;
-}
-
-cToolRun cStack::Datactl(std::vector<std::string> const& args) {
-  std::vector<std::string> argv{DATACTL_BIN, "--server", m_dataSap};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::string base = Dir() + "/" + std::to_string(++m_runs) + "-datactl";
-  m_logs.push_back(base + ".err");
-  return RunTool(argv, base);
+  return std::make_unique<cProcess>(argv, NextFile("routectl.log"));
 }
 
 }  // namespace e2e

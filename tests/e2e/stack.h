@@ -1,69 +1,117 @@
 // The whole system on loopback for one test: halproxy (memory backend by
-// default), datamgr with the shipped example configuration, and routemgr,
-// each on a port of its own; plus the command-line tools against them.
+// default), datamgr with the shipped example configuration and routemgr,
+// each a real process on a port of its own, output in log files, stopped
+// on every path (SIGTERM, then SIGKILL); plus the command-line tools.
 #pragma once
 
+#include <signal.h>
+#include <sys/types.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "e2e/harness.h"
-
 namespace e2e {
 
-// What the shipped example configuration and the tests agree on.
-namespace example {
-constexpr char kWiredGw[] = "192.168.1.254";  // the wired WAN's gateway (eth1)
-constexpr char kMgmtRoute[] = "192.168.50.0/24 via 192.168.1.254 metric 0";  // setup dsl, own gw
-}  // namespace example
+// Long enough for a loaded CI machine, short enough that a hang fails fast.
+constexpr int kStartTimeoutMs = 10000;
+constexpr int kStopTimeoutMs = 5000;
+// The route the shipped example configures in setup "dsl" (own gateway).
+constexpr char kMgmtRoute[] = "192.168.50.0/24 via 192.168.1.254 metric 0";
+
+// Polls cond every 20 ms until it holds or timeoutMs has passed.
+bool PollUntil(std::function<bool()> const& cond, int timeoutMs = kStartTimeoutMs);
+std::string ReadFile(std::string const& path);
+
+class cProcess {
+ public:
+  // Starts argv (argv[0] the program's path) with env's "NAME=value"
+  // entries added, stdout and stderr to log.
+  cProcess(std::vector<std::string> argv, std::string log, std::vector<std::string> env = {});
+  ~cProcess() { Stop(); }
+  int Stop();  // SIGTERM, then SIGKILL; the exit status as Status()
+  void Signal(int sig) const {
+    if (m_pid > 0) kill(m_pid, sig);
+  }
+  bool WaitExit(int timeoutMs = kStopTimeoutMs) {
+    return PollUntil([this] { return !Running(); }, timeoutMs);
+  }
+  bool Running();
+  // Exit code, -signal when a signal ended it, -1000 while it runs.
+  int Status() const { return m_status; }
+  std::string Log() const { return ReadFile(m_log); }
+  bool WaitForLog(std::string const& text) const {
+    return PollUntil([&] { return Log().find(text) != std::string::npos; });
+  }
+
+ private:
+  std::string m_log;
+  pid_t m_pid = -1;
+  int m_status = -1000;
+};
+
+struct cToolRun {
+  int status = -1000;  // the exit code; 137 when it was killed after 10 s
+  std::string out, err;
+};
 
 class cStack {
  public:
   struct cOptions {
-    std::vector<std::string> halPrefix;  // e.g. "ip netns exec NS" for a kernel in a namespace
+    // e.g. "ip netns exec NS" for a kernel in a namespace; the proxy then
+    // listens on a Unix socket, reachable across namespaces.
+    std::vector<std::string> halPrefix;
     std::vector<std::string> halArgs{"--backend=memory"};
-    bool halOnUnixSocket = false;  // reachable across network namespaces
   };
-
-  cStack();
+  cStack() : cStack(cOptions{}) {}
   explicit cStack(cOptions options);
-  // Prints the tail of every log when the test has failed.
-  ~cStack();
+  ~cStack();  // stops everything; prints the tail of every log when the test has failed
 
-  // Starts all three and waits until routemgr serves route clients.
-  bool Start();
+  // Starts all three; true once routemgr serves route clients.
+  bool Start() { return StartHal() && StartDataMgr() && StartRouteMgr(); }
   bool StartHal();
   bool StartDataMgr();
-  bool StartRouteMgr();
+  bool StartRouteMgr(std::vector<std::string> env = {});
 
-  std::string const& Dir() const { return m_dir.Path(); }
-  std::string const& HalSap() const { return m_halSap; }
-  std::string const& DataSap() const { return m_dataSap; }
-  std::string const& RouteSap() const { return m_routeSap; }
+  // Port 0 until the daemon has told which one the kernel chose (a restart
+  // takes it again).
+  std::string dir, halSap = "127.0.0.1:0", dataSap = "127.0.0.1:0", routeSap = "127.0.0.1:0";
 
-  // The HAL proxy's table, one FormatRoute line each; a failure gives one
-  // line starting with "error:".
+  // The HAL proxy's table, one line a route; a failure gives one "error:" line.
   std::vector<std::string> HalTable() const;
   // Waits until the table holds every one of want and none of unwanted.
-  bool WaitTable(std::vector<std::string> const& want,
-                 std::vector<std::string> const& unwanted = {}, int timeoutMs = 5000) const;
+  ::testing::AssertionResult WaitTable(std::vector<std::string> const& want,
+                                       std::vector<std::string> const& unwanted = {},
+                                       int timeoutMs = 5000) const;
 
-  // routectl against this stack's route service (arguments after --server).
-  cToolRun Routectl(std::vector<std::string> const& args, std::string const& input = "");
+  // The tools against this stack, run to their end.
+  cToolRun Routectl(std::vector<std::string> const& args, std::string const& input = "") {
+    return Run(ROUTECTL_BIN, routeSap, args, input);
+  }
+  cToolRun Datactl(std::vector<std::string> const& args) {
+    return Run(DATACTL_BIN, dataSap, args);
+  }
   // A routectl that keeps running (for --hold); its output goes to a log.
   std::unique_ptr<cProcess> SpawnRoutectl(std::vector<std::string> const& args);
-  cToolRun Datactl(std::vector<std::string> const& args);
+  // Writes a file in this stack's directory; its path.
+  std::string Write(std::string const& name, std::string const& text) const;
 
   std::unique_ptr<cProcess> hal, data, route;
 
  private:
-  std::string NextLog(std::string const& name);
+  std::string NextFile(std::string const& name, bool log = true);
+  cToolRun Run(std::string const& program, std::string const& sap,
+               std::vector<std::string> const& args, std::string const& input = "");
+  // Starts a daemon into slot; true once it says where it listens (sap).
+  bool Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
+              std::vector<std::string> argv, std::string& sap, std::vector<std::string> env = {});
 
   cOptions m_options;
-  cTempDir m_dir;
-  std::string m_halSap, m_dataSap, m_routeSap;
   std::vector<std::string> m_logs;
-  int m_runs = 0;
+  int m_files = 0;
 };
 
 }  // namespace e2e

@@ -1,141 +1,229 @@
-// The system as a user meets it: routectl and datactl against halproxy,
-// datamgr and routemgr, checked in the HAL proxy's table. One stack for all
-// the steps that need no refresh, so the suite stays quick.
-#include "e2e/stack.h"
-
-#include <gtest/gtest.h>
+// The system as a user meets it, on one stack: routemgr talking to its init
+// system, route clients, gateways and WAN setups checked in the HAL proxy's
+// table, SIGUSR1 dumps (also under load) and peers restarted. The dump file
+// is always /tmp/routemgr.dmp: this test holds a CTest resource lock and
+// recognises its own routemgr by its access points.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstring>
-#include <fstream>
+#include <sstream>
+#include <thread>
+#include <tuple>
+
+#include "e2e/stack.h"
+#include "routeIO/route_client.h"
 
 namespace e2e {
 namespace {
 
-using Lines = std::vector<std::string>;
-
+constexpr char kDumpFile[] = "/tmp/routemgr.dmp";
+constexpr char kDefault[] = "default via 192.168.1.254 metric 5";
+constexpr char kClientRoute[] = "10.20.0.0/16 via 192.168.1.1 dev eth1 src 192.168.1.20 metric 4";
+constexpr char kHeld[] = "10.21.0.0/16 via 192.168.1.1 metric 3";
 constexpr char kOffice254[] = "10.10.0.0/16 via 192.168.1.254 dev eth1 metric 0";
 constexpr char kOffice253[] = "10.10.0.0/16 via 192.168.1.253 dev eth1 metric 0";
-constexpr char kHeldA[] = "10.20.0.0/16 via 192.168.1.1 dev eth1 metric 0";
-constexpr char kHeldB[] = "10.21.0.0/16 via 192.168.1.1 metric 3";
+constexpr char kNet30[] = "10.30.0.0/16 via 192.168.1.1 metric 0";
+constexpr char kNet31[] = "10.31.0.0/16 via 192.168.1.1 metric 0";
+// routemgr requests everything again this often; a restarted proxy is whole
+// again after its reconnection plus one such period (and some slack).
+constexpr int kRefreshMs = 5000, kSlackMs = 2000;
 
-std::string WriteBatch(cStack const& stack, std::string const& name, std::string const& text) {
-  std::string path = stack.Dir() + "/" + name;
-  std::ofstream(path) << text;
-  return path;
+// A route through 192.168.1.1 set by client: its result code.
+int SetRoute(routeIO::cRouteClient& client, char const* tag, char const* net,
+             char const* src = "0.0.0.0", char const* dev = "", int metric = 0) {
+  using kest::s_socket_addr;
+  return client
+      .SetRoute(s_socket_addr(net, 0), s_socket_addr("255.255.0.0", 0),
+                s_socket_addr("192.168.1.1", 0), s_socket_addr(src, 0), dev, tag, metric)
+      .rc;
 }
 
-TEST(E2eStack, RouteClientsGatewaysAndConfigurationReachTheHalProxy) {
-  cStack stack;
-  ASSERT_TRUE(stack.Start());
-
-  // Setup "dsl" is in force: its route with a gateway of its own needs no WAN.
-  EXPECT_TRUE(stack.WaitTable({example::kMgmtRoute})) << testing::PrintToString(stack.HalTable());
-
-  cToolRun r = stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
-                               "default", "metric", "5"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
-
-  // A WAN setup change swaps the configured routes.
-  r = stack.Datactl({"set-wan-setup", "fibre"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(stack.WaitTable({kOffice254}, {example::kMgmtRoute}))
-      << testing::PrintToString(stack.HalTable());
-
-  // Configured routes follow the wired gateway, and go with it.
-  r = stack.Routectl({"gateway", "set", "wired", "192.168.1.253", "dev", "eth1"});
-  EXPECT_EQ(r.out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({kOffice253}, {kOffice254}))
-      << testing::PrintToString(stack.HalTable());
-  r = stack.Routectl({"gateway", "del", "wired"});
-  EXPECT_EQ(r.out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({}, {kOffice253}));
-
-  // Held routes live as long as routectl's connection: a clean exit ...
-  std::string batch = WriteBatch(stack, "held.txt",
-                                 "# custom routes\n"
-                                 "route set a 10.20.0.0/16 via 192.168.1.1 dev eth1\n"
-                                 "route set b 10.21.0.9/255.255.0.0 via 192.168.1.1 metric 3\n");
-  auto held = stack.SpawnRoutectl({"--hold", "-b", batch});
-  EXPECT_TRUE(stack.WaitTable({kHeldA, kHeldB})) << testing::PrintToString(stack.HalTable());
-  EXPECT_EQ(held->Stop(), 0);
-  EXPECT_EQ(held->Log().substr(0, 6), "ok\nok\n");
-  EXPECT_TRUE(stack.WaitTable({}, {kHeldA, kHeldB}));
-
-  // ... and a routectl that is killed lose them alike.
-  auto killed = stack.SpawnRoutectl({"--hold", "-b", batch});
-  EXPECT_TRUE(stack.WaitTable({kHeldA, kHeldB}));
-  killed->Signal(SIGKILL);
-  EXPECT_TRUE(killed->WaitExit(kStopTimeoutMs));
-  EXPECT_TRUE(stack.WaitTable({}, {kHeldA, kHeldB}));
-
-  // Batch from standard input: one answer a command, malformed lines named,
-  // and the routes gone once the input ends.
-  r = stack.Routectl({"-b", "-"},
-                     "route set c 10.22.0.0/16 via 192.168.1.1\n"
-                     "route del nothing-here\n"
-                     "route set broken 10.0.0.0/8\n"
-                     "gateway set vpn 10.8.0.1 dev tun0 metric 7\n");
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.out, "ok\nrc=-100 unknown tag\nok\n");
-  EXPECT_NE(r.err.find("line 3: 'via GW' is missing"), std::string::npos) << r.err;
-  EXPECT_TRUE(stack.WaitTable({}, {"10.22.0.0/16 via 192.168.1.1 metric 0"}));
-
-  // routemgr ends cleanly on SIGTERM; what it installed stays.
-  EXPECT_EQ(stack.route->Stop(), 0);
-  EXPECT_EQ(stack.route->CountInLog("cRouteMgrService::connected to scm"), 1);
-  EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
+// Asks for a dump and reads it once it is whole: ours (it names our data
+// manager), ending in a newline, and the same on two reads in a row.
+std::string FreshDump(cStack& stack) {
+  unlink(kDumpFile);
+  stack.route->Signal(SIGUSR1);
+  std::string text;
+  bool whole = PollUntil([&] {
+    text = ReadFile(kDumpFile);
+    if (text.empty() || text.back() != '\n' ||
+        text.find("CONNECTED (" + stack.dataSap + ")") == std::string::npos)
+      return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return ReadFile(kDumpFile) == text;
+  });
+  return whole ? text : "";
 }
 
-// The systemd unit runs routemgr as Type=notify with a watchdog: it must say
-// when it is ready, keep the watchdog fed and say when it stops.
-TEST(E2eStack, RouteMgrTalksToTheInitSystem) {
+// "" or what is wrong with the dump's structure: every count matches the
+// blocks that follow it, nothing is cut short or left over.
+std::string Inconsistency(std::string const& text) {
+  std::vector<std::string> l;
+  std::stringstream lines(text);
+  for (std::string line; std::getline(lines, line);) l.push_back(line);
+  auto at = [&](std::size_t k) { return k < l.size() ? l[k] : std::string("<end>"); };
+  if (at(0) != "--- ROUTEMGR LR-DUMP ---" || at(1) != "- Dumpsource: SIG_REQ") return "header";
+  for (std::size_t i = 2; i < 8; ++i)
+    if (at(i).rfind(" - m_", 0) != 0) return "state line: " + at(i);
+  std::size_t i = 8;
+  std::tuple<char const*, char const*, std::size_t> const tables[] = {
+      {" - m_Gateways:             ", "  - cGWEntry:", 6},
+      {" - m_Routes:               ", "  - cRouteEntry:", 7},
+      {" - Routes By Config:       ", "  - ", 1}};
+  for (auto const& [label, block, lines] : tables) {
+    std::string const count = at(i).substr(std::min(at(i).size(), std::strlen(label)));
+    int n = std::atoi(count.c_str());
+    if (at(i).rfind(label, 0) != 0 || count != (n > 0 ? std::to_string(n) + " Entries" : "EMPTY"))
+      return "count: " + at(i);
+    for (++i; n > 0; --n, i += lines) {
+      if (at(i).rfind(block, 0) != 0) return "block: " + at(i);
+      for (std::size_t m = 1; m < lines; ++m)
+        if (at(i + m).rfind("   - ", 0) != 0) return "entry line: " + at(i + m);
+    }
+  }
+  return i == l.size() ? "" : "left over: " + at(i);
+}
+
+TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   cStack stack;
   ASSERT_TRUE(stack.StartHal() && stack.StartDataMgr());
-  std::string const path = stack.Dir() + "/notify";
-  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  ASSERT_GE(fd, 0);
-  sockaddr_un sa{};
-  sa.sun_family = AF_UNIX;
-  std::strncpy(sa.sun_path, path.c_str(), sizeof(sa.sun_path) - 1);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
-  std::string received;
-  auto receive = [&] {
-    char buf[512];
-    ssize_t n;
-    while ((n = recv(fd, buf, sizeof(buf), 0)) > 0) received.append(buf, n).append("\n");
+  // The systemd unit runs routemgr as Type=notify with a watchdog.
+  std::string const notifyPath = stack.dir + "/notify";
+  int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  sockaddr_un sa{AF_UNIX, {}};
+  notifyPath.copy(sa.sun_path, sizeof(sa.sun_path) - 1);
+  ASSERT_EQ(bind(notify, reinterpret_cast<sockaddr*>(&sa), sizeof(sa)), 0);
+  std::string heard;
+  auto hears = [&](std::string const& what, int times = 1) {
+    return PollUntil([&] {
+      char buf[512];
+      for (ssize_t n; (n = recv(notify, buf, sizeof(buf), 0)) > 0;) heard.append(buf, n) += "\n";
+      int seen = 0;
+      for (auto at = heard.find(what); at != std::string::npos; at = heard.find(what, at + 1))
+        ++seen;
+      return seen >= times;
+    });
   };
-  auto heard = [&](std::string const& what, int times) {
-    return PollUntil(
-        [&] {
-          receive();
-          int n = 0;
-          for (auto pos = received.find(what); pos != std::string::npos;
-               pos = received.find(what, pos + 1))
-            ++n;
-          return n >= times;
-        },
-        kStartTimeoutMs);
-  };
-
-  stack.route = std::make_unique<cProcess>(
-      "routemgr",
-      std::vector<std::string>{ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + stack.HalSap(),
-                               "--prop", "system.customDataMgrSap=" + stack.DataSap(), "--prop",
-                               "system.routeMgrSap=" + stack.RouteSap()},
-      stack.Dir() + "/routemgr-notify.log");
-  stack.route->AddEnv("NOTIFY_SOCKET=" + path);
-  stack.route->AddEnv("WATCHDOG_USEC=200000");  // fed every 100 ms
-  ASSERT_TRUE(stack.route->Start());
-  EXPECT_TRUE(heard("READY=1", 1)) << received;
-  EXPECT_TRUE(heard("WATCHDOG=1", 3)) << received;
+  ASSERT_TRUE(stack.StartRouteMgr({"NOTIFY_SOCKET=" + notifyPath, "WATCHDOG_USEC=200000"}));
+  EXPECT_TRUE(hears("READY=1")) << heard;
+  EXPECT_TRUE(hears("WATCHDOG=1", 3)) << heard;  // fed every 100 ms
   EXPECT_EQ(stack.route->Stop(), 0);
-  EXPECT_TRUE(heard("STOPPING=1", 1)) << received;
-  close(fd);
+  EXPECT_TRUE(hears("STOPPING=1")) << heard;
+  close(notify);
+  ASSERT_TRUE(stack.StartRouteMgr());
+
+  // Setup "dsl" is in force: its route with a gateway of its own needs no WAN.
+  EXPECT_TRUE(stack.WaitTable({kMgmtRoute}));
+  cToolRun r = stack.Routectl({"-b", "-"},
+                              "gateway set wired 192.168.1.254 dev eth1 type default metric 5\n"
+                              "gateway set vpn 10.8.0.1 dev tun0 metric 7\n");
+  EXPECT_EQ(r.out, "ok\nok\n") << r.err;
+  routeIO::cRouteClient client;
+  std::string error;
+  ASSERT_TRUE(client.Connect(stack.routeSap, 3000, error)) << error;
+  // Host bits set: the dump shows the network as given.
+  EXPECT_EQ(SetRoute(client, "backup", "10.20.0.77", "192.168.1.20", "eth1", 4), 0);
+  EXPECT_TRUE(stack.WaitTable({kDefault, kClientRoute}));
+
+  std::string dump = FreshDump(stack);
+  EXPECT_EQ(Inconsistency(dump), "") << dump;
+  for (std::string const& part :
+       {" - m_dataClient:           CONNECTED (" + stack.dataSap + ")\n",
+        " - m_halClient:            CONNECTED (" + stack.halSap + ")\n",
+        std::string(" - m_Gateways:             2 Entries\n"
+                    "  - cGWEntry:\n   - Gateway Tag:   vpn\n   - m_gatewayIP:   10.8.0.1\n"
+                    "   - m_gatewayIF:   tun0\n   - m_gatewayPrio: 7\n   - m_gatewayType: NORMAL\n"
+                    "  - cGWEntry:\n   - Gateway Tag:   wired\n   - m_gatewayIP:   192.168.1.254\n"
+                    "   - m_gatewayIF:   eth1\n   - m_gatewayPrio: 5\n   - m_gatewayType: DEFAULT\n"
+                    " - m_Routes:               1 Entries\n"
+                    "  - cRouteEntry:\n   - Route Tag:           backup\n"
+                    "   - Network:             10.20.0.77/255.255.0.0\n"
+                    "   - m_gatewayIP:         192.168.1.1\n"
+                    "   - m_preferredSourceIP: 192.168.1.20\n"
+                    "   - m_gatewayIF:         eth1\n   - m_routePrio:         4\n"
+                    " - Routes By Config:       4 Entries\n")})
+    EXPECT_NE(dump.find(part), std::string::npos) << part << dump;
+
+  // A route goes with its client's connection, whether it closes or is killed.
+  client.Close();
+  EXPECT_TRUE(stack.WaitTable({}, {kClientRoute}));
+  EXPECT_NE(FreshDump(stack).find(" - m_Routes:               EMPTY\n"), std::string::npos);
+  auto held = stack.SpawnRoutectl(
+      {"--hold", "-b",
+       stack.Write("held", "route set b 10.21.0.9/255.255.0.0 via 192.168.1.1 metric 3\n")});
+  EXPECT_TRUE(stack.WaitTable({kHeld})) << held->Log();
+  held->Signal(SIGKILL);
+  EXPECT_TRUE(stack.WaitTable({}, {kHeld}));
+
+  // Peers that go away and come back: routemgr requests everything again
+  // and route clients notice nothing. A change the data manager forgets
+  // when it is killed: routemgr follows the restored configuration.
+  ASSERT_TRUE(client.Connect(stack.routeSap, 3000, error)) << error;
+  EXPECT_EQ(SetRoute(client, "30", "10.30.0.0"), 0);
+  EXPECT_EQ(stack.Datactl({"route-del", "dsl", "mgmt"}).status, 0);
+  EXPECT_TRUE(stack.WaitTable({kNet30}, {kMgmtRoute}));
+  stack.data->Signal(SIGKILL);
+  ASSERT_TRUE(stack.data->WaitExit());
+  ASSERT_TRUE(stack.StartDataMgr());
+  EXPECT_TRUE(stack.WaitTable({kMgmtRoute, kNet30}));
+  EXPECT_EQ(SetRoute(client, "31", "10.31.0.0"), 0);
+  EXPECT_EQ(stack.Routectl({"route", "del", "30"}).out, "ok\n");
+  EXPECT_TRUE(stack.WaitTable({kNet31}, {kNet30}));
+  std::vector<std::string> table = stack.HalTable();
+  stack.hal->Stop();
+  ASSERT_TRUE(stack.StartHal());
+  EXPECT_TRUE(stack.hal->WaitForLog("ConfigureIPGateway")) << "routemgr did not come back";
+  EXPECT_TRUE(stack.WaitTable(table, {}, kRefreshMs + kSlackMs)) << testing::PrintToString(table);
+
+  // A WAN setup change swaps the configured routes; they follow the wired
+  // gateway, and go with it.
+  r = stack.Datactl({"set-wan-setup", "fibre"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(stack.WaitTable({kOffice254}, {kMgmtRoute}));
+  r = stack.Routectl({"gateway", "set", "wired", "192.168.1.253", "dev", "eth1"});
+  EXPECT_EQ(r.out, "ok\n") << r.err;
+  EXPECT_TRUE(stack.WaitTable({kOffice253}, {kOffice254}));
+  EXPECT_EQ(stack.Routectl({"gateway", "del", "wired"}).out, "ok\n");
+  EXPECT_TRUE(stack.WaitTable({}, {kOffice253}));
+
+  // Dumps stay whole while route clients set and delete routes as fast as
+  // routemgr answers, now and then announcing a gateway too.
+  std::vector<std::unique_ptr<cProcess>> load;
+  for (int c = 0; c < 3; ++c) {
+    std::ostringstream f;
+    for (int n = 0; n < 6000; ++n) {
+      int const tag = n % 150;
+      if ((n / 150) % 2 == 0)
+        f << "route set c" << c << "-" << tag << " 10." << c + 40 << "." << tag
+          << ".0/24 via 192.168.1.1 dev eth1 metric " << n << "\n";
+      else
+        f << "route del c" << c << "-" << tag << "\n";
+      if (n % 500 == 0) f << "gateway set g" << c << " 192.168.1." << n % 250 + 1 << "\n";
+    }
+    load.push_back(stack.SpawnRoutectl({"-b", stack.Write("load" + std::to_string(c), f.str())}));
+  }
+  auto loaded = [&] {
+    return std::any_of(load.begin(), load.end(), [](auto& p) { return p->Running(); });
+  };
+  int dumps = 0, underLoad = 0;
+  for (; loaded() || dumps < 3; ++dumps) {
+    underLoad += loaded();
+    dump = FreshDump(stack);
+    ASSERT_NE(dump, "") << "no dump under load (dump " << dumps << ")";
+    ASSERT_EQ(Inconsistency(dump), "") << dump;
+  }
+  for (auto& p : load) EXPECT_EQ(p->Status(), 0) << p->Log().substr(0, 400);
+  EXPECT_GT(underLoad, 0) << "the load was over before the first dump";
+
+  // What routemgr installed stays when it ends.
+  table = stack.HalTable();
+  EXPECT_EQ(stack.route->Stop(), 0);
+  EXPECT_EQ(stack.HalTable(), table);
 }
 
 }  // namespace
