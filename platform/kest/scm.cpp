@@ -130,7 +130,9 @@ bool cScmService::Notify(std::string const& text) {
   std::memcpy(addr.sun_path, m_notifyPath.data(), m_notifyPath.size());
   if (addr.sun_path[0] == '@') addr.sun_path[0] = '\0';
   socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + m_notifyPath.size());
-  ssize_t n = sendto(m_notifyFd, text.data(), text.size(), MSG_NOSIGNAL,
+  // Never wait for the manager: a supervisor that stops reading must not
+  // stall the loop; a lost watchdog ping is what it asked for.
+  ssize_t n = sendto(m_notifyFd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
                      reinterpret_cast<sockaddr*>(&addr), len);
   if (n != static_cast<ssize_t>(text.size())) {
     KEST_TRACE("kest", "002", "%s: notify \"%s\" to %s failed (errno:%d/%s)", Name().c_str(),
