@@ -10,17 +10,15 @@ namespace {
 using kesttest::Bytes;
 using kesttest::Wire;
 
-TEST(Frame, WireLayoutIsLittleEndian) {
+TEST(Frame, LittleEndianOnTheWireAndDecodedWhateverTheChunking) {
   EXPECT_EQ(Wire(kest::cFrame::kReply, 0x01020304, 0x0506, "ab"),
             (Bytes{9, 0, 0, 0, 2, 4, 3, 2, 1, 6, 5, 'a', 'b'}));
-}
-
-TEST(FrameReader, DecodesWhateverTheChunking) {
   std::string const largest(kest::kMaxFrame - (kest::kFrameHeader - 4), 'x');
-  Bytes wire = Wire(kest::cFrame::kRequest, 1, 7, ""), more = Wire(kest::cFrame::kEvent, 0, 65535, "ev"),
-        most = Wire(kest::cFrame::kReply, 0xffffffff, 2, largest);
-  wire.insert(wire.end(), more.begin(), more.end());
-  wire.insert(wire.end(), most.begin(), most.end());
+  Bytes wire;
+  for (Bytes const& f : {Wire(kest::cFrame::kRequest, 1, 7, ""),
+                         Wire(kest::cFrame::kEvent, 0, 65535, "ev"),
+                         Wire(kest::cFrame::kReply, 0xffffffff, 2, largest)})
+    wire.insert(wire.end(), f.begin(), f.end());
   for (std::size_t chunk : {1, 3, 11, 4096, 200000}) {
     kest::cFrameReader reader;
     std::vector<std::string> got;
@@ -30,11 +28,11 @@ TEST(FrameReader, DecodesWhateverTheChunking) {
       std::string error;
       kest::cFrameReader::Result r;
       while ((r = reader.Next(f, error)) == kest::cFrameReader::kFrame)
-        got.push_back(kest::FormatString("%u %u %u ", f.kind, f.id, f.op) + kesttest::Text(f.body));
+        got.push_back(kesttest::Describe(f));
       ASSERT_EQ(r, kest::cFrameReader::kNeedMore) << error;
     }
-    EXPECT_EQ(got, (std::vector<std::string>{"1 1 7 ", "3 0 65535 ev", "2 4294967295 2 " + largest}))
-        << "chunks of " << chunk;
+    std::vector<std::string> const want = {"1 1 7 ", "3 0 65535 ev", "2 4294967295 2 " + largest};
+    EXPECT_EQ(got, want) << "chunks of " << chunk;
     EXPECT_EQ(reader.Buffered(), 0u);
   }
 }
@@ -44,7 +42,6 @@ TEST(FrameReader, RejectsBadHeadersWithoutWaitingForTheBody) {
       {{0x01, 0x00, 0x01, 0x00}, "frame length 65537 exceeds the limit of 65536 bytes"},
       {{0xff, 0xff, 0xff, 0xff}, "frame length 4294967295 exceeds the limit"},
       {{0x06, 0x00, 0x00, 0x00}, "frame length 6 is shorter than the 7-byte header"},
-      {{0x07, 0x00, 0x00, 0x00, 0x00}, "unknown frame kind 0"},
       {{0x20, 0x00, 0x00, 0x00, 'G'}, "unknown frame kind 71"},
   };
   for (auto const& [header, message] : cases) {
@@ -66,11 +63,11 @@ TEST(FrameReader, RejectsBadHeadersWithoutWaitingForTheBody) {
 TEST(AccessPoint, ParsesTcpAndUnixAndNamesMalformedTexts) {
   kest::cAccessPoint ap;
   std::string error;
-  for (char const* text : {"127.0.0.1:3710", "0.0.0.0:0", "255.255.255.255:65535", "unix:/r.sock"}) {
+  for (char const* text : {"127.0.0.1:3710", "0.0.0.0:0", "255.255.255.255:65535", "unix:/s"}) {
     EXPECT_TRUE(kest::cAccessPoint::Parse(text, ap, error)) << error;
     EXPECT_EQ(ap.ToString(), text);
   }
-  EXPECT_EQ(ap.path, "/r.sock");
+  EXPECT_EQ(ap.path, "/s");
   ASSERT_TRUE(kest::cAccessPoint::Parse("192.168.10.1:80", ap, error));
   EXPECT_EQ(kest::FormatString("%d %x %u", ap.kind == kest::cAccessPoint::kTcp, ap.ip, ap.port),
             "1 c0a80a01 80");

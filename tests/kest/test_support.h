@@ -37,6 +37,11 @@ inline std::string Text(kest::cSerializeBuffer const& b) {
   return std::string(reinterpret_cast<char const*>(b.Data()), b.Size());
 }
 
+// "kind id op body"
+inline std::string Describe(kest::cFrame const& f) {
+  return kest::FormatString("%u %u %u ", f.kind, f.id, f.op) + Text(f.body);
+}
+
 // "127.0.0.1:port" for the local end of a TCP socket.
 inline std::string LocalAp(int fd) {
   sockaddr_in in{};
