@@ -6,7 +6,6 @@
 #
 #   scripts/ci-fuzz.sh               build, run every target FUZZ_SECONDS (30)
 #   scripts/ci-fuzz.sh fuzz_records  only the named targets
-#   scripts/ci-fuzz.sh --seeds       rewrite tests/fuzz/corpus/ from the encoders
 #   BUILD_DIR=... JOBS=... FUZZ_SECONDS=... scripts/ci-fuzz.sh
 #
 # Needs the packages of .ci/run plus clang and libclang-rt-dev (libFuzzer).
@@ -54,14 +53,6 @@ configure_and_build() {
 }
 
 install_deps
-
-if [ "${1:-}" = "--seeds" ]; then
-  configure_and_build fuzz_make_seeds
-  rm -rf "$CORPUS"
-  "$BUILD_DIR/tests/fuzz/fuzz_make_seeds" "$CORPUS" "$ROOT/tools/datamgr/example-device.json"
-  find "$CORPUS" -type f | sort
-  exit 0
-fi
 
 configure_and_build
 mapfile -t targets < <(grep -v '^$' "$BUILD_DIR/fuzz-targets.txt")
