@@ -16,6 +16,7 @@ set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
 BUILD_DIR="${BUILD_DIR:-$ROOT/build-bench}"
+case "$BUILD_DIR" in /*) ;; *) BUILD_DIR="$PWD/$BUILD_DIR" ;; esac
 QUICK=0
 BUILD=1
 OUT=""
@@ -206,7 +207,6 @@ inns "$RMREFRESH" --prop kest.trace=off --prop "system.customHalProxSap=$HAL_UNI
   --prop "bench.halproxyPid=$HAL_UNIX_PID" \
   --prop "bench.between=$IP -batch $WORK/replace-$NR.batch" >"$out" || die "rmbench-refresh failed"
 "$IP" -n "$NS" route flush root 10.0.0.0/8
-kill "$HAL_UNIX_PID"; wait "$HAL_UNIX_PID" 2>/dev/null || true
 UNIX_MS=$(values refresh_ms "$out" | median)
 UNIX_REF_MS=$(values reference_ms "$out" | median)
 UNIX_RATIO=$(paste -d' ' <(values refresh_ms "$out") <(values reference_ms "$out") \
@@ -226,37 +226,44 @@ HWM_IDLE_KB=$(rss_kb VmHWM "$RM_PID")
 # One client sets N routes, pipelined; `ip -batch` adds the same N routes
 # (protocol 201, flushed after). The client holds its routes while the
 # daemon's memory is read, then goes, and the daemon deletes them.
-declare -A TP_RATE TP_REF_RATE TP_RATIO RSS_KB HWM_KB
-for n in $THROUGHPUT_N; do
-  reps=$REPEATS; [ "$n" -ge 100000 ] && reps=$REPEATS_100K
-  say "throughput: N=$n, $reps x routemgr against ip -batch add"
-  "$RMBENCH" ipbatch -n "$n" --op add >"$WORK/add-$n.batch"
-  : >"$WORK/tp-$n.txt"; : >"$WORK/tp-ref-$n.txt"; : >"$WORK/rss-$n.txt"; : >"$WORK/hwm-$n.txt"
+# throughput_runs N REPS SAP PID TAG: files $WORK/{tp,tp-ref,rss,hwm}-TAG.txt
+throughput_runs() {
+  local n=$1 reps=$2 sap=$3 pid=$4 tag=$5 t0 t1 setpid
+  [ -f "$WORK/add-$n.batch" ] || "$RMBENCH" ipbatch -n "$n" --op add >"$WORK/add-$n.batch"
+  : >"$WORK/tp-$tag.txt"; : >"$WORK/tp-ref-$tag.txt"; : >"$WORK/rss-$tag.txt"; : >"$WORK/hwm-$tag.txt"
   for _ in $(seq 1 "$reps"); do
     t0=$(now_ns)
     "$IP" -n "$NS" -batch "$WORK/add-$n.batch"
     t1=$(now_ns)
     "$IP" -n "$NS" route flush proto 201
-    echo $(( (t1 - t0) / 1000 )) >>"$WORK/tp-ref-$n.txt"
+    echo $(( (t1 - t0) / 1000 )) >>"$WORK/tp-ref-$tag.txt"
 
     rm -f "$WORK/set.out" "$WORK/release"
-    "$IP" netns exec "$NS" "$RMBENCH" set -s "$ROUTE" -n "$n" --out "$WORK/set.out" --hold-until "$WORK/release" &
+    "$IP" netns exec "$NS" "$RMBENCH" set -s "$sap" -n "$n" --out "$WORK/set.out" --hold-until "$WORK/release" &
     setpid=$!
     while [ ! -f "$WORK/set.out" ]; do
       kill -0 "$setpid" 2>/dev/null || die "rmbench set died"
       sleep 0.01
     done
-    rss_kb VmRSS "$RM_PID" >>"$WORK/rss-$n.txt"
-    rss_kb VmHWM "$RM_PID" >>"$WORK/hwm-$n.txt"
+    rss_kb VmRSS "$pid" >>"$WORK/rss-$tag.txt"
+    rss_kb VmHWM "$pid" >>"$WORK/hwm-$tag.txt"
     touch "$WORK/release"
     wait "$setpid" || die "routes failed: $(cat "$WORK/set.out")"
-    values elapsed_us "$WORK/set.out" >>"$WORK/tp-$n.txt"
-    settle "$ROUTE"
+    values elapsed_us "$WORK/set.out" >>"$WORK/tp-$tag.txt"
+    settle "$sap"
   done
-  TP_RATE[$n]=$(awk -v n="$n" '{ printf "%.6g\n", n * 1e6 / $1 }' "$WORK/tp-$n.txt" | median)
-  TP_REF_RATE[$n]=$(awk -v n="$n" '{ printf "%.6g\n", n * 1e6 / $1 }' "$WORK/tp-ref-$n.txt" | median)
-  TP_RATIO[$n]=$(paste -d' ' "$WORK/tp-ref-$n.txt" "$WORK/tp-$n.txt" \
-    | awk '{ printf "%.6g\n", $1 / $2 }' | median)
+}
+rate() { awk -v n="$1" '{ printf "%.6g\n", n * 1e6 / $1 }' "$2" | median; }
+ratio_of() { paste -d' ' "$1" "$2" | awk '{ printf "%.6g\n", $1 / $2 }' | median; }
+
+declare -A TP_RATE TP_REF_RATE TP_RATIO RSS_KB HWM_KB
+for n in $THROUGHPUT_N; do
+  reps=$REPEATS; [ "$n" -ge 100000 ] && reps=$REPEATS_100K
+  say "throughput: N=$n, $reps x routemgr against ip -batch add"
+  throughput_runs "$n" "$reps" "$ROUTE" "$RM_PID" "$n"
+  TP_RATE[$n]=$(rate "$n" "$WORK/tp-$n.txt")
+  TP_REF_RATE[$n]=$(rate "$n" "$WORK/tp-ref-$n.txt")
+  TP_RATIO[$n]=$(ratio_of "$WORK/tp-ref-$n.txt" "$WORK/tp-$n.txt")
   RSS_KB[$n]=$(median <"$WORK/rss-$n.txt")
   HWM_KB[$n]=$(median <"$WORK/hwm-$n.txt")
 done
@@ -274,6 +281,23 @@ for _ in $(seq 1 "$LAT_REPEATS"); do
 done
 LAT1_P50=$(median <"$WORK/lat1-p50"); LAT1_P99=$(median <"$WORK/lat1-p99")
 LAT16_P50=$(median <"$WORK/lat16-p50"); LAT16_P99=$(median <"$WORK/lat16-p99")
+
+# --- throughput with the HAL proxy on a Unix socket ---------------------------------
+# A second daemon whose HAL client goes to the Unix-socket proxy; the first
+# one is stopped so that its refreshes do not interfere.
+say "throughput: N=$NT, $REPEATS x with the HAL proxy on a Unix socket"
+kill "$RM_PID"; wait "$RM_PID" 2>/dev/null || true
+ROUTE_UNIX=127.0.0.1:3713
+"$IP" netns exec "$NS" "$ROUTEMGR" --prop kest.trace=off --prop "system.customHalProxSap=$HAL_UNIX" \
+  --prop "system.customDataMgrSap=$DATA" --prop "system.routeMgrSap=$ROUTE_UNIX" \
+  >"$WORK/routemgr-unix.out" 2>"$WORK/routemgr-unix.log" &
+RM_UNIX_PID=$!; PIDS+=("$RM_UNIX_PID")
+inns "$RMBENCH" wait -s "$ROUTE_UNIX" >/dev/null || die "routemgr (Unix-socket HAL) did not start"
+settle "$ROUTE_UNIX"
+throughput_runs "$NT" "$REPEATS" "$ROUTE_UNIX" "$RM_UNIX_PID" unix
+TPU_RATE=$(rate "$NT" "$WORK/tp-unix.txt")
+TPU_REF_RATE=$(rate "$NT" "$WORK/tp-ref-unix.txt")
+TPU_RATIO=$(ratio_of "$WORK/tp-ref-unix.txt" "$WORK/tp-unix.txt")
 
 # --- derived figures ----------------------------------------------------------------
 SHARE_RM=$(calc "${REFRESH_CPU_MS[$NR]} / ($REFRESH_PERIOD_S * 1000) * 100")
@@ -309,6 +333,8 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     printf '%-44s %14.0f %14.0f %8.3f  %s\n' "throughput N=$n (routes/s; ref ip -batch add)" \
       "${TP_RATE[$n]}" "${TP_REF_RATE[$n]}" "${TP_RATIO[$n]}" "$bar"
   done
+  printf '%-44s %14.0f %14.0f %8.3f  %s\n' "throughput N=$NT, HAL on a Unix socket" \
+    "$TPU_RATE" "$TPU_REF_RATE" "$TPU_RATIO" ""
   for n in $REFRESH_N; do
     bar=""; [ "$n" = "$NR" ] && bar="<= 1.0: $(verdict "${REFRESH_RATIO[$n]} <= 1.0")"
     printf '%-44s %14.1f %14.1f %8.3f  %s\n' "refresh N=$n M=$M (ms; ref ip -batch replace)" \
@@ -364,6 +390,8 @@ jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
     sep=$',\n'
   done
   printf '\n  ],\n'
+  printf '  "throughput_hal_unix_socket": {"n": %s, "routemgr_routes_per_s": %s, "ip_batch_routes_per_s": %s, "ratio": %s},\n' \
+    "$NT" "$TPU_RATE" "$TPU_REF_RATE" "$TPU_RATIO"
   printf '  "refresh_hal_unix_socket": {"n": %s, "refresh_ms": %s, "ip_batch_replace_ms": %s, "ratio": %s},\n' \
     "$NR" "$UNIX_MS" "$UNIX_REF_MS" "$UNIX_RATIO"
   printf '  "refresh_core_share_percent": {"n": %s, "period_s": %s, "routemgr": %s, "routemgr_and_halproxy": %s},\n' \
