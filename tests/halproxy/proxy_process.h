@@ -1,6 +1,5 @@
-// Runs halproxy as a child process listening on a Unix socket in a private
-// directory, and a HAL client connected to it. Everything is torn down by
-// the destructors, also when a test fails half way.
+// halproxy as a child process in a private directory (its socket and log) and
+// a HAL client for it; the destructor tears all down, also after a failure.
 #pragma once
 
 #include <fcntl.h>
@@ -11,145 +10,119 @@
 
 #include <chrono>
 #include <fstream>
-#include <functional>
+#include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "hal/hal_client.h"
 #include "kest/service.h"
 
 namespace halproxy_test {
 
-inline bool PumpUntil(std::function<bool()> done, int timeoutMs = 5000) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+using Lines = std::vector<std::string>;
+
+template <typename F>
+bool PumpUntil(F done) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(10);
   return done();
 }
 
 class cProxyProcess {
  public:
-  cProxyProcess() {
-    char tmpl[] = "/tmp/halproxy-test-XXXXXX";
-    if (mkdtemp(tmpl) != nullptr) m_dir = tmpl;
-  }
+  cProxyProcess() : m_dir(mkdtemp(m_tmpl)) {}
   ~cProxyProcess() {
     Stop();
     unlink(SocketPath().c_str());
     unlink(LogPath().c_str());
     rmdir(m_dir.c_str());
   }
-  cProxyProcess(const cProxyProcess&) = delete;
-  cProxyProcess& operator=(const cProxyProcess&) = delete;
-
   std::string SocketPath() const { return m_dir + "/hal.sock"; }
-  std::string AccessPoint() const { return "unix:" + SocketPath(); }
   std::string LogPath() const { return m_dir + "/halproxy.log"; }
-
-  // Starts prefix... halproxy --listen LISTEN args... (LISTEN: our Unix
-  // socket unless given) and waits until it says it listens; false (with its
-  // log in error) if it died or stayed silent.
-  bool Start(std::vector<std::string> const& args, std::string& error,
-             std::vector<std::string> const& prefix = {}, std::string listen = "") {
-    unlink(SocketPath().c_str());
-    unlink(LogPath().c_str());  // a restart must not be taken for up by the last run's log
-    std::vector<std::string> argv = prefix;
-    argv.push_back(HALPROXY_PATH);
-    argv.push_back("--listen");
-    argv.push_back(listen.empty() ? AccessPoint() : listen);
-    argv.insert(argv.end(), args.begin(), args.end());
-    m_pid = Spawn(argv, LogPath());
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (Log().find("listening on") == std::string::npos) {
-      int status = 0;
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid || std::chrono::steady_clock::now() > deadline) {
-        if (kill(m_pid, 0) == 0) Stop();
-        m_pid = -1;
-        error = "halproxy did not come up: " + Log();
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-  }
-
-  // SIGTERM and the exit status (-1 if it had to be killed).
-  int Stop() {
-    if (m_pid <= 0) return -1;
-    kill(m_pid, SIGTERM);
-    int status = 0;
-    for (int i = 0; i < 300 && waitpid(m_pid, &status, WNOHANG) == 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (waitpid(m_pid, &status, WNOHANG) == 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, &status, 0);
-      status = -1;
-    }
-    m_pid = -1;
-    return status < 0 ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  bool Running() const { return m_pid > 0 && kill(m_pid, 0) == 0; }
-
+  std::string const& AccessPoint() const { return m_ap; }
   std::string Log() const {
-    std::ifstream in(LogPath());
     std::stringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(LogPath()).rdbuf();
     return s.str();
   }
+  bool Logged(std::string const& text) const {
+    return PumpUntil([&] { return Log().find(text) != std::string::npos; });
+  }
 
-  // Runs argv to its end with stdout and stderr in logPath; its exit status.
-  static int Run(std::vector<std::string> const& argv, std::string const& logPath) {
-    pid_t pid = Spawn(argv, logPath);
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  // prefix... halproxy --listen LISTEN (our socket unless given; TCP port 0: the
+  // one it reports) args...; success once it listens, else its log.
+  ::testing::AssertionResult Start(Lines const& args, Lines prefix = {}, std::string listen = "") {
+    unlink(LogPath().c_str());  // an earlier run's "listening on" must not count
+    m_ap = listen.empty() ? "unix:" + SocketPath() : listen;
+    prefix.insert(prefix.end(), {HALPROXY_PATH, "--listen", m_ap});
+    prefix.insert(prefix.end(), args.begin(), args.end());
+    Spawn(prefix);
+    if (!Logged("listening on")) return ::testing::AssertionFailure() << "no start: " << Log();
+    std::string log = Log();
+    if (std::size_t at = log.find("(port "); at != std::string::npos)
+      m_ap.replace(m_ap.size() - 1, 1, std::to_string(std::atoi(log.c_str() + at + 6)));
+    return ::testing::AssertionSuccess();
+  }
+  // A HAL client for this run, connected once this says so.
+  bool Connect() {
+    m_client = std::make_unique<hal::cHalClient>(&m_service, nullptr, 3000, m_ap);
+    m_client->Start();
+    return PumpUntil([this] { return m_client->IsConnected(); });
+  }
+  hal::cHalClient& Hal() { return *m_client; }
+  Lines Routes() {
+    Lines lines;
+    EXPECT_EQ(0, m_client->ListRoutes(lines));
+    return lines;
+  }
+  // SIGTERM; the exit status (-1 if it had to be killed).
+  int Stop() {
+    m_client.reset();
+    if (m_pid > 0) kill(m_pid, SIGTERM);
+    int status = Wait();
+    if (m_pid > 0) kill(m_pid, SIGKILL);
+    return Wait() == -1 ? status : -1;
+  }
+  // halproxy args... to its end, output to the log; its exit status.
+  int Run(Lines args) {
+    args.insert(args.begin(), HALPROXY_PATH);
+    Spawn(args);
+    return Wait();
   }
 
  private:
-  static pid_t Spawn(std::vector<std::string> const& argv, std::string const& logPath) {
+  void Spawn(Lines const& argv) {
     std::vector<char*> args;
     for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-      int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      if (fd >= 0) {
-        dup2(fd, 1);
-        dup2(fd, 2);
-      }
+    if ((m_pid = fork()) == 0) {
+      int fd = open(LogPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(fd, 1);
+      dup2(fd, 2);
       execvp(args[0], args.data());
       _exit(127);
     }
-    return pid;
+  }
+  // Up to 3 s for the child to end: its exit status, -1 if none ended.
+  int Wait() {
+    int status = 0;
+    for (int i = 0; m_pid > 0 && i < 300; ++i, usleep(10000)) {
+      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+    }
+    return -1;
   }
 
-  std::string m_dir;
+  char m_tmpl[32] = "/tmp/halproxy-test-XXXXXX";
+  std::string m_dir, m_ap;
   pid_t m_pid = -1;
-};
-
-class cNoCallbacks : public hal::IHalClient {};
-
-// A started HAL client, connected once Connect() says so.
-class cConnectedClient {
- public:
-  explicit cConnectedClient(std::string const& accessPoint, unsigned timeoutMs = 3000)
-      : client(&service, &callbacks, timeoutMs, accessPoint) {}
-  bool Connect() {
-    client.Start();
-    return PumpUntil([this] { return client.IsConnected(); });
-  }
-  std::vector<std::string> Routes() {
-    std::vector<std::string> lines;
-    int rc = client.ListRoutes(lines);
-    if (rc != 0) lines = {"ListRoutes failed: " + std::to_string(rc)};
-    return lines;
-  }
-
-  kest::cService service;
-  cNoCallbacks callbacks;
-  hal::cHalClient client;
+  kest::cService m_service;
+  std::unique_ptr<hal::cHalClient> m_client;
 };
 
 }  // namespace halproxy_test
