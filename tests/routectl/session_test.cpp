@@ -2,154 +2,133 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <deque>
-#include <string>
-#include <vector>
 
 #include "routeIO/route_errors.h"
 #include "routectl/answer.h"
 #include "routectl/command.h"
+#include "routectl/line_reader.h"
 
 namespace {
 
 using routeIO::routeResult;
+using Lines = std::vector<std::string>;
 namespace routeerr = routeIO::routeerr;
 
-// Answers scripted per command, in order; records the traffic as lines.
-class cFakeLink : public routectl::IRouteLink {
- public:
+// A session over a link answering as scripted (then ok; kConnectionLost ends
+// the connection). The traffic and what the session prints are kept as lines.
+struct cRun : routectl::IRouteLink {
+  explicit cRun(bool json = false, bool strict = false)
+      : session(
+            *this, json, strict, [this](std::string const& l) { out.push_back(l); },
+            [this](std::string const& l) { err.push_back(l); }) {}
   std::int32_t Post(routeIO::routeCommand const& cmd) override {
-    if (!connected) return routeerr::kNotConnected;
     log.push_back("post " + routectl::Verb(cmd) + " " + routectl::TagOf(cmd));
-    ++posted;
     return 0;
   }
   routeResult Collect() override {
     log.push_back("collect");
-    --posted;
-    if (answers.empty()) return {true, 0};
-    routeResult r = answers.front();
-    answers.pop_front();
-    if (r.rc == routeerr::kConnectionLost) connected = false;
+    routeResult r = answers.empty() ? routeResult{true, 0} : answers.front();
+    if (!answers.empty()) answers.pop_front();
+    connected = connected && r.rc != routeerr::kConnectionLost;
     return r;
   }
   bool Connected() const override { return connected; }
-  std::string LastError() const override { return connected ? "" : "closed by peer"; }
+  std::string LastError() const override { return "closed by peer"; }
+  // Numbered lines while the session takes them, then its answers; how many it took.
+  std::size_t Feed(Lines const& lines) {
+    std::size_t n = 0;
+    while (n < lines.size() && session.Line(next++, lines[n])) ++n;
+    session.Drain();
+    return n;
+  }
 
   std::deque<routeResult> answers;
-  std::vector<std::string> log;
-  int posted = 0;
+  Lines log, out, err;
   bool connected = true;
-};
-
-struct cRun {
-  cFakeLink link;
-  std::vector<std::string> out, err;
+  unsigned next = 1;
   routectl::cSession session;
-  explicit cRun(bool json = false, bool strict = false)
-      : session(
-            link, json, strict, [this](std::string const& l) { out.push_back(l); },
-            [this](std::string const& l) { err.push_back(l); }) {}
 };
 
-using Lines = std::vector<std::string>;
-
-TEST(RoutectlSession, PipelinesAndAnswersInOrderOneLineEach) {
+TEST(RoutectlSession, PipelinesAndAnswersInOrderOneLineEachUntilTheConnectionIsLost) {
   cRun run;
-  run.link.answers = {{true, 0}, {false, -101}, {false, -100}};
-  EXPECT_TRUE(run.session.Line(1, "route set a 10.0.0.0/8 via 1.1.1.1"));
-  EXPECT_TRUE(run.session.Line(2, "# nothing"));
-  EXPECT_TRUE(run.session.Line(3, "route set b 10.1.0.0/16 via 1.1.1.1"));
-  EXPECT_TRUE(run.session.Line(4, "route del c"));
-  EXPECT_EQ(run.session.Outstanding(), 3u);
-  run.session.Drain();
-  EXPECT_EQ(run.link.log, (Lines{"post route set a", "post route set b", "post route del c",
-                                 "collect", "collect", "collect"}));
+  run.answers = {{true, 0}, {false, -101}, {false, -100}};
+  EXPECT_EQ(4u, run.Feed({"route set a 10.0.0.0/8 via 1.1.1.1", "# nothing",
+                          "route set b 10.1.0.0/16 via 1.1.1.1", "route del c"}));
+  EXPECT_EQ(run.log, (Lines{"post route set a", "post route set b", "post route del c", "collect",
+                            "collect", "collect"}));
   EXPECT_EQ(run.out, (Lines{"ok", "rc=-101 Network is unreachable", "rc=-100 unknown tag"}));
-  EXPECT_TRUE(run.err.empty());
-  EXPECT_EQ(run.session.ExitStatus(), 1);
+  EXPECT_EQ(run.session.ExitStatus(), 1);  // a command failed
+  cRun ok;
+  ok.Feed({"route del a", "gateway del b"});
+  EXPECT_EQ(ok.session.ExitStatus(), 0);
+  cRun lost;  // answers what was sent, then stops
+  lost.answers = {{true, 0}, {false, routeerr::kConnectionLost}};
+  lost.Feed({"route set a 10.0.0.0/8 via 1.1.1.1", "route set b 10.0.0.0/8 via 1.1.1.1"});
+  EXPECT_EQ(0u, lost.Feed({"route set c 10.0.0.0/8 via 1.1.1.1"}));
+  EXPECT_EQ(lost.out, (Lines{"ok", "rc=-2003 connection lost"}));
+  EXPECT_EQ(lost.err, (Lines{"routectl: connection to the route manager lost (closed by peer) at "
+                             "line 2; nothing more is sent"}));
+  EXPECT_EQ(lost.session.ExitStatus(), 1);
 }
 
-TEST(RoutectlSession, MalformedLineIsReportedAndTheRestStillRuns) {
+TEST(RoutectlSession, MalformedLinesAreReportedAndTheRestStillRunsUnlessStrict) {
   cRun run;
-  EXPECT_TRUE(run.session.Line(1, "route set a 10.0.0.0/8 via 1.1.1.1"));
-  EXPECT_TRUE(run.session.Line(2, "route set b 10.0.0.0/8"));
-  EXPECT_TRUE(run.session.Oversized(3));
-  EXPECT_TRUE(run.session.Line(4, "gateway set wired 1.1.1.1"));
-  run.session.Drain();
+  EXPECT_EQ(2u, run.Feed({"route set a 10.0.0.0/8 via 1.1.1.1", "route set b 10.0.0.0/8"}));
+  EXPECT_TRUE(run.session.Oversized(run.next++));
+  EXPECT_EQ(1u, run.Feed({"gateway set wired 1.1.1.1"}));
   EXPECT_EQ(run.out, (Lines{"ok", "ok"}));
   EXPECT_EQ(run.err,
             (Lines{"routectl: line 2: 'via GW' is missing", "routectl: line 3: line too long"}));
-  EXPECT_EQ(run.session.ExitStatus(), 2);
+  EXPECT_EQ(run.session.ExitStatus(), 2);  // a line was malformed
+  cRun strict(false, true);                // stops at the first, but answers what was sent
+  EXPECT_EQ(1u, strict.Feed({"route set a 10.0.0.0/8 via 1.1.1.1", "nonsense", "route del a"}));
+  EXPECT_EQ(strict.log, (Lines{"post route set a", "collect"}));
+  EXPECT_EQ(strict.session.ExitStatus(), 2);
 }
 
-TEST(RoutectlSession, StrictStopsAtTheFirstMalformedLineButAnswersWhatWasSent) {
-  cRun run(false, true);
-  EXPECT_TRUE(run.session.Line(1, "route set a 10.0.0.0/8 via 1.1.1.1"));
-  EXPECT_FALSE(run.session.Line(2, "nonsense"));
-  EXPECT_FALSE(run.session.Line(3, "route del a"));
-  run.session.Drain();
-  EXPECT_EQ(run.link.log, (Lines{"post route set a", "collect"}));
-  EXPECT_EQ(run.out, (Lines{"ok"}));
-  EXPECT_EQ(run.session.ExitStatus(), 2);
-}
-
-TEST(RoutectlSession, LostConnectionAnswersWhatWasSentAndStops) {
-  cRun run;
-  run.link.answers = {
-      {true, 0}, {false, routeerr::kConnectionLost}, {false, routeerr::kConnectionLost}};
-  run.session.Line(1, "route set a 10.0.0.0/8 via 1.1.1.1");
-  run.session.Line(2, "route set b 10.0.0.0/8 via 1.1.1.1");
-  run.session.Line(3, "route set c 10.0.0.0/8 via 1.1.1.1");
-  run.session.Drain();
-  EXPECT_FALSE(run.session.Line(4, "route set d 10.0.0.0/8 via 1.1.1.1"));
-  EXPECT_EQ(run.out, (Lines{"ok", "rc=-2003 connection lost", "rc=-2003 connection lost"}));
-  EXPECT_EQ(run.err, (Lines{"routectl: connection to the route manager lost (closed by peer) at "
-                            "line 2; nothing more is sent"}));
-  EXPECT_EQ(run.session.ExitStatus(), 1);
-}
-
-TEST(RoutectlSession, JsonLinesCarryLineNumbersAndSyntaxErrors) {
+TEST(RoutectlAnswer, TextAndJsonNameEachKindOfCode) {
+  routeIO::routeCommand set = routeIO::cSetRouteCmd{}, del = routeIO::cDelRouteCmd{"x"};
+  auto text = [](routeIO::routeCommand const& cmd, std::int32_t rc) {
+    return routectl::AnswerText(cmd, {rc == 0, rc});
+  };
+  EXPECT_EQ(text(set, 0), "ok");
+  EXPECT_EQ(text(set, -101), "rc=-101 Network is unreachable");
+  EXPECT_EQ(text(set, -100), "rc=-100 Network is down");
+  EXPECT_EQ(text(del, -100), "rc=-100 unknown tag");
+  EXPECT_EQ(text(set, routeerr::kTimeout), "rc=-2002 timeout");
+  EXPECT_EQ(text(set, -1001), "rc=-1001 HAL proxy not connected");
+  EXPECT_EQ(text(set, -70000), "rc=-70000");
   cRun run(true);
-  run.link.answers = {{true, 0}, {false, -19}};
-  run.session.Line(1, "gateway set wired 1.1.1.1 type default");
-  run.session.Line(2, "route frob");
-  run.session.Line(3, "route set \"q\" 10.0.0.0/8 via 1.1.1.1");
-  run.session.Send(0, routeIO::cDelGatewayCmd{"wired"});
+  run.answers = {{false, -19}};
+  run.Feed({"route frob", "route set \"q\" 10.0.0.0/8 via 1.1.1.1"});
+  run.session.Send(0, routeIO::cDelGatewayCmd{"wired"});  // from the command line
   run.session.Drain();
   EXPECT_EQ(
       run.out,
       (Lines{
-          R"j({"line":2,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
-          R"j({"line":1,"command":"gateway set","tag":"wired","ok":true,"rc":0})j",
-          R"j({"line":3,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
+          R"j({"line":1,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
+          R"j({"line":2,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
           R"j({"command":"gateway del","tag":"wired","ok":true,"rc":0})j"}));
+  // Any tag gives valid JSON: escapes, and bytes that are not UTF-8 as \u00XX.
+  EXPECT_EQ(routectl::JsonString("a\"b\\c\n\x01gr\xc3\xbc\xc3 \xed\xa0\x80"),
+            R"("a\"b\\c\n\u0001grü\u00c3 \u00ed\u00a0\u0080")");
 }
 
-TEST(RoutectlAnswer, NamesEachKindOfCode) {
-  routeIO::routeCommand set = routeIO::cSetRouteCmd{};
-  routeIO::routeCommand del = routeIO::cDelRouteCmd{"x"};
-  struct {
-    routeIO::routeCommand const& cmd;
-    routeResult result;
-    char const* text;
-  } const cases[] = {
-      {set, {true, 0}, "ok"},
-      {set, {false, -101}, "rc=-101 Network is unreachable"},
-      {set, {false, -100}, "rc=-100 Network is down"},
-      {del, {false, -100}, "rc=-100 unknown tag"},
-      {set, {false, routeerr::kTimeout}, "rc=-2002 timeout"},
-      {set, {false, -1001}, "rc=-1001 HAL proxy not connected"},
-      {set, {false, 5}, "rc=5"},
-      {set, {false, -70000}, "rc=-70000"},
-  };
-  for (auto const& c : cases) EXPECT_EQ(routectl::AnswerText(c.cmd, c.result), c.text);
-}
-
-TEST(RoutectlAnswer, JsonStringsStayValidForAnyBytes) {
-  EXPECT_EQ(routectl::JsonString("a\"b\\c\n\x01"), R"("a\"b\\c\n\u0001")");
-  EXPECT_EQ(routectl::JsonString("gr\xc3\xbc\xc3"), "\"gr\xc3\xbc\\u00c3\"");
-  EXPECT_EQ(routectl::JsonString("\xed\xa0\x80"), R"("\u00ed\u00a0\u0080")");  // a surrogate
+// Batch input: lines split, one longer than any command reported and skipped.
+TEST(RoutectlLineReader, SplitsLinesAndSkipsOversizedOnes) {
+  using R = routectl::cLineReader;
+  std::string const input = "one\r\n" + std::string(R::kMaxLine + 1, 'x') + "\nlast";
+  FILE* f = std::tmpfile();
+  std::fputs(input.c_str(), f);
+  std::rewind(f);
+  R reader(fileno(f));
+  std::string line, got;
+  for (R::Result r; (r = reader.Next(line)) == R::kLine || r == R::kTooLong;)
+    got += (r == R::kTooLong ? "<too long>" : line) + "|";
+  std::fclose(f);
+  EXPECT_EQ(got, "one\r|<too long>|last|");
 }
 
 }  // namespace
