@@ -178,22 +178,25 @@ class cBench {
     // The longest wait of a command sent while a refresh ran, and that
     // refresh's length: a command should wait at most the rest of it.
     double maxWait = 0, itsRefresh = 0, maxRatio = 0, maxOther = 0;
+    long behindTwo = 0;  // commands that waited across more than one refresh
     for (auto const& s : m_samples) {
       double wait = Ms(s.end - s.begin);
-      bool behind = false;
+      int behind = 0;
       for (auto const& r : m_refreshes) {
         if (s.begin < r.end && s.end > r.begin) {
-          behind = true;
+          ++behind;
           double len = Ms(r.end - r.begin);
           if (wait > maxWait) maxWait = wait, itsRefresh = len;
           maxRatio = std::max(maxRatio, wait / len);
         }
       }
-      if (!behind) maxOther = std::max(maxOther, wait);
+      if (behind == 0) maxOther = std::max(maxOther, wait);
+      if (behind > 1) ++behindTwo;
     }
     std::printf("probe_samples=%zu\nprobe_refreshes=%zu\nwait_max_ms=%.2f\nwait_refresh_ms=%.2f\n"
-                "wait_ratio=%.4f\nwait_outside_refresh_max_ms=%.2f\n",
-                m_samples.size(), m_refreshes.size(), maxWait, itsRefresh, maxRatio, maxOther);
+                "wait_ratio=%.4f\nwait_outside_refresh_max_ms=%.2f\nwait_behind_two=%ld\n",
+                m_samples.size(), m_refreshes.size(), maxWait, itsRefresh, maxRatio, maxOther,
+                behindTwo);
     std::fflush(stdout);
     if (m_probeFailed) m_failed = true;
     kest::Loop().Quit();

@@ -310,6 +310,11 @@ WAIT_MAX_MS=$(values wait_max_ms "$WORK/refresh-$NR.out")
 WAIT_REFRESH_MS=$(values wait_refresh_ms "$WORK/refresh-$NR.out")
 WAIT_RATIO=$(values wait_ratio "$WORK/refresh-$NR.out")
 WAIT_OUTSIDE_MS=$(values wait_outside_refresh_max_ms "$WORK/refresh-$NR.out")
+WAIT_BEHIND_TWO=$(values wait_behind_two "$WORK/refresh-$NR.out")
+# A command that meets a refresh waits for the rest of it and then for its
+# own turn, which takes as long as any command's outside a refresh.
+WAIT_BOUND_MS=$(calc "$WAIT_REFRESH_MS + $WAIT_OUTSIDE_MS")
+WAIT_OVER_BOUND=$(calc "$WAIT_MAX_MS / $WAIT_BOUND_MS")
 verdict() { awk "BEGIN { exit !($1) }" && echo met || echo MISSED; }
 
 # --- report -----------------------------------------------------------------------
@@ -344,8 +349,9 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     "$UNIX_MS" "$UNIX_REF_MS" "$UNIX_RATIO" ""
   printf '%-44s %13.2f%% %13.2f%% %8s  %s\n' "refresh N=$NR every ${REFRESH_PERIOD_S} s: core share (+halproxy)" \
     "$SHARE_RM" "$SHARE_ALL" "-" ""
-  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "longest wait behind a refresh, N=$NR (ms; ref it)" \
-    "$WAIT_MAX_MS" "$WAIT_REFRESH_MS" "$WAIT_RATIO" "<= 1.0: $(verdict "$WAIT_RATIO <= 1.0")"
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "longest wait behind a refresh, N=$NR (ms; ref *)" \
+    "$WAIT_MAX_MS" "$WAIT_BOUND_MS" "$WAIT_OVER_BOUND" \
+    "<= 1.0: $(verdict "$WAIT_OVER_BOUND <= 1.0 && $WAIT_BEHIND_TWO == 0")"
   printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 1 client p50/p99 (us)" "$LAT1_P50" "$LAT1_P99" "-" ""
   printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 16 clients p50/p99 (us)" "$LAT16_P50" "$LAT16_P99" "-" ""
   printf '%-44s %14.1f %14.1f %8.3f  %s\n' "p99 16 clients vs p50 1 client (us)" "$LAT16_P99" "$LAT1_P50" \
@@ -358,6 +364,9 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     "<= 400: $(verdict "$BPR <= 400")"
   printf '%-44s %14.1f %14.1f %8.3f  %s\n' "start to route server ready (ms; ref halproxy)" \
     "$(calc "$START_US / 1000")" "$(calc "$START_REF_US / 1000")" "$START_RATIO" ""
+  printf '\n* the refresh it waited behind (%.1f ms) plus the longest wait of a command outside\n' "$WAIT_REFRESH_MS"
+  printf '  refreshes (%.1f ms, its own turn); commands that waited across two refreshes: %s\n' \
+    "$WAIT_OUTSIDE_MS" "$WAIT_BEHIND_TWO"
 } >"$WORK/table.txt"
 cat "$WORK/table.txt"
 
@@ -396,8 +405,10 @@ jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
     "$NR" "$UNIX_MS" "$UNIX_REF_MS" "$UNIX_RATIO"
   printf '  "refresh_core_share_percent": {"n": %s, "period_s": %s, "routemgr": %s, "routemgr_and_halproxy": %s},\n' \
     "$NR" "$REFRESH_PERIOD_S" "$SHARE_RM" "$SHARE_ALL"
-  printf '  "refresh_wait": {"n": %s, "probed_refreshes": %s, "max_wait_ms": %s, "that_refresh_ms": %s, "max_wait_over_refresh": %s, "max_wait_outside_refresh_ms": %s},\n' \
-    "$NR" "$PROBED" "$WAIT_MAX_MS" "$WAIT_REFRESH_MS" "$WAIT_RATIO" "$WAIT_OUTSIDE_MS"
+  printf '  "refresh_wait": {"n": %s, "probed_refreshes": %s, "max_wait_ms": %s, "that_refresh_ms": %s, "max_wait_over_refresh": %s,\n' \
+    "$NR" "$PROBED" "$WAIT_MAX_MS" "$WAIT_REFRESH_MS" "$WAIT_RATIO"
+  printf '     "max_wait_outside_refresh_ms": %s, "bound_ms": %s, "max_wait_over_bound": %s, "commands_behind_two_refreshes": %s},\n' \
+    "$WAIT_OUTSIDE_MS" "$WAIT_BOUND_MS" "$WAIT_OVER_BOUND" "$WAIT_BEHIND_TWO"
   printf '  "latency_us": {"one_client": {"p50": %s, "p99": %s}, "sixteen_clients": {"p50": %s, "p99": %s}, "p99_16_over_p50_1": %s},\n' \
     "$LAT1_P50" "$LAT1_P99" "$LAT16_P50" "$LAT16_P99" "$LAT_RATIO"
   printf '  "memory_kib": {"idle_rss": %s, "idle_hwm": %s' "$RSS_IDLE_KB" "$HWM_IDLE_KB"
