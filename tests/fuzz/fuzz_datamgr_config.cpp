@@ -1,9 +1,5 @@
-// The data manager's device configuration loader on arbitrary text: the file
-// is written by people, so anything may be in it.
-#include <cstddef>
-#include <cstdint>
-#include <string>
-
+// The data manager's device configuration loader on arbitrary text: people
+// write that file.
 #include "config_json.h"
 #include "fuzz_check.h"
 
@@ -14,14 +10,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!datamgr::ParseDeviceConfig(text, config, error)) {
     FUZZ_CHECK(!error.empty());
   } else {
-    // What the manager would then publish: every record encodes.
+    // Everything loaded is then published, so it must encode.
     kest::cSerializeBuffer buf;
     FUZZ_CHECK(config.wan.Serialize(buf));
     for (auto const& [setup, routes] : config.wanSetups) {
       for (auto const& [key, route] : routes) FUZZ_CHECK(route.Serialize(buf));
     }
   }
-
   std::uint32_t network = 0, netmask = 0;
   if (datamgr::ParsePrefix(text, network, netmask, error)) {
     FUZZ_CHECK(datamgr::IsContiguousMask(netmask));

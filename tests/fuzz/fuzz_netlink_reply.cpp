@@ -1,11 +1,6 @@
-// halproxy's rtnetlink reply parser on arbitrary datagrams, as they come back
-// from the kernel (or from whatever answers on the netlink socket). Bytes
-// 0..3: the sequence number of the request being answered (LE); the rest is
-// one datagram.
-#include <cstddef>
-#include <cstdint>
-#include <vector>
-
+// halproxy's rtnetlink reply parser on arbitrary datagrams, as whatever
+// answers on the netlink socket sends them. Bytes 0..3: the sequence number
+// of the request being answered (LE); the rest is one datagram.
 #include "fuzz_check.h"
 #include "netlink_codec.h"
 
@@ -17,20 +12,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                             static_cast<std::uint32_t>(data[3]) << 24;
   const std::uint8_t* datagram = data + 4;
   const std::size_t len = size - 4;
-
   std::vector<nl::cNlRoute> routes;
   nl::cNlResult r = nl::ParseReply(datagram, len, seq, &routes);
   if (r.status == nl::cNlResult::kMalformed) FUZZ_CHECK(!r.message.empty());
   FUZZ_CHECK(r.error <= 0);
   (void)nl::ParseReply(datagram, len, seq, nullptr);
-
   // Every route the parser returns can be sent back to the kernel.
   for (nl::cNlRoute const& route : routes) {
     FUZZ_CHECK(route.dstLen <= 32);
-    std::vector<std::uint8_t> msg = nl::BuildNewRoute(route, 0, seq);
-    FUZZ_CHECK(!msg.empty());
+    FUZZ_CHECK(!nl::BuildNewRoute(route, 0, seq).empty());
   }
-
   nl::cNlRoute route;
   (void)nl::ParseRoute(datagram, len, route);
   return 0;
