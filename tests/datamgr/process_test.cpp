@@ -103,6 +103,9 @@ class cDatamgr {
 
 class DatamgrProcess : public ::testing::Test, public dataIO::IDataClient {
  protected:
+  void SetUp() override {
+    if (std::getenv("ROUTEMGR_EMULATED") != nullptr) GTEST_SKIP() << "starts another program or a network namespace: not under user-mode emulation";
+  }
   void OnConnect(kest::cServiceClient*) override {}
   void OnDisconnect(kest::cServiceClient*) override {}
   void OnSync(dataIO::cDataClient*, dataIO::cDBCollection* c) override {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 
 #include "netlink_codec.h"
@@ -24,6 +25,7 @@ class NetlinkKernel : public ::testing::Test {
  protected:
   void SetUp() override {
     kest::ResetLoop();
+    if (std::getenv("ROUTEMGR_EMULATED") != nullptr) GTEST_SKIP() << "starts another program or a network namespace: not under user-mode emulation";
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
     if (Sh("ip netns add " + m_ns) != 0) GTEST_SKIP() << "cannot create a network namespace";
     for (std::string cmd :

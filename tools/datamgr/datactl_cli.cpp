@@ -1,19 +1,14 @@
 #include "datactl_cli.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "config_json.h"
 #include "device_config.h"
 #include "kest/access_point.h"
+#include "kest/call_once.h"
 #include "kest/format.h"
-#include "kest/frame.h"
 
 namespace datamgr {
 
@@ -129,107 +124,17 @@ bool ParseDatactlArgs(std::vector<std::string> const& args, std::string& server,
   return true;
 }
 
-namespace {
-
-class cFd {
- public:
-  explicit cFd(int fd) : m_fd(fd) {}
-  ~cFd() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  int Get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
-
-// Waits for the socket to become ready; false on timeout or error.
-bool Wait(int fd, short events, std::chrono::steady_clock::time_point deadline) {
-  for (;;) {
-    auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) return false;
-    pollfd p{fd, events, 0};
-    int const n = poll(&p, 1, static_cast<int>(left));
-    if (n > 0) return true;
-    if (n < 0 && errno != EINTR) return false;
-  }
-}
-
-}  // namespace
-
 bool SendControl(std::string const& server, ctl::cRequest const& req, ctl::cReply& reply,
                  std::string& error, int timeoutMs) {
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  kest::cAccessPoint ap;
-  if (!kest::cAccessPoint::Parse(server, ap, error)) return false;
-  cFd sock(socket(ap.kind == kest::cAccessPoint::kUnix ? AF_UNIX : AF_INET,
-                  SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_storage sa{};
-  unsigned const len = ap.ToSockaddr(sa);
-  // Bounds a blocking connect as well.
-  timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
-  if (sock.Get() >= 0) setsockopt(sock.Get(), SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-  if (sock.Get() < 0 || connect(sock.Get(), reinterpret_cast<sockaddr*>(&sa), len) != 0) {
-    error = kest::FormatString("cannot connect to %s: %s", server.c_str(), std::strerror(errno));
+  kest::cSerializeBuffer body, answer;
+  ctl::Encode(req, body);
+  if (!kest::CallOnce(server, timeoutMs, req.op, body, answer, error)) return false;
+  std::string why;
+  if (!ctl::Decode(answer, reply, why)) {
+    error = "bad reply from " + server + ": " + why;
     return false;
   }
-  kest::cFrame frame;
-  frame.kind = kest::cFrame::kRequest;
-  frame.id = 1;
-  frame.op = req.op;
-  ctl::Encode(req, frame.body);
-  std::vector<std::uint8_t> out;
-  kest::EncodeFrame(frame, out);
-  std::size_t sent = 0;
-  while (sent < out.size()) {
-    if (!Wait(sock.Get(), POLLOUT, deadline)) {
-      error = "timed out sending to " + server;
-      return false;
-    }
-    ssize_t const n = send(sock.Get(), out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
-    if (n < 0 && errno != EINTR && errno != EAGAIN) {
-      error = kest::FormatString("cannot send to %s: %s", server.c_str(), std::strerror(errno));
-      return false;
-    }
-    if (n > 0) sent += static_cast<std::size_t>(n);
-  }
-  kest::cFrameReader reader;
-  for (;;) {
-    kest::cFrame in;
-    std::string why;
-    switch (reader.Next(in, why)) {
-      case kest::cFrameReader::kError:
-        error = "bad reply from " + server + ": " + why;
-        return false;
-      case kest::cFrameReader::kFrame:
-        // Events (a dump request, say) may come first; only our reply counts.
-        if (in.kind != kest::cFrame::kReply || in.id != frame.id) continue;
-        if (!ctl::Decode(in.body, reply, why)) {
-          error = "bad reply from " + server + ": " + why;
-          return false;
-        }
-        return true;
-      case kest::cFrameReader::kNeedMore:
-        break;
-    }
-    if (!Wait(sock.Get(), POLLIN, deadline)) {
-      error = "no reply from " + server + " within the timeout";
-      return false;
-    }
-    std::uint8_t buf[4096];
-    ssize_t const n = recv(sock.Get(), buf, sizeof buf, 0);
-    if (n == 0) {
-      error = server + " closed the connection without a reply";
-      return false;
-    }
-    if (n < 0 && errno != EINTR && errno != EAGAIN) {
-      error = kest::FormatString("cannot read from %s: %s", server.c_str(), std::strerror(errno));
-      return false;
-    }
-    if (n > 0) reader.Feed(buf, static_cast<std::size_t>(n));
-  }
+  return true;
 }
 
 }  // namespace datamgr
