@@ -202,24 +202,9 @@ cParsed ParseRoute(Words const& w) {
 }  // namespace
 
 bool ParseIPv4(std::string_view text, std::uint32_t& ip) {
-  std::uint32_t result = 0;
-  std::size_t pos = 0;
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0) {
-      if (pos >= text.size() || text[pos] != '.') return false;
-      ++pos;
-    }
-    std::size_t start = pos;
-    unsigned value = 0;
-    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9' && pos - start < 3) {
-      value = value * 10 + static_cast<unsigned>(text[pos] - '0');
-      ++pos;
-    }
-    if (pos == start || value > 255) return false;
-    result = (result << 8) | value;
-  }
-  if (pos != text.size()) return false;
-  ip = result;
+  kest::s_socket_addr addr;
+  if (!addr.InitFromString(std::string(text), 0)) return false;
+  ip = addr.GetIP();
   return true;
 }
 
