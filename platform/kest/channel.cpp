@@ -26,6 +26,10 @@ constexpr std::size_t kReadChunk = 16 * 1024;
 constexpr int kReadsPerWakeup = 4;
 // Sent bytes are dropped from the front of the queue once this many pile up.
 constexpr std::size_t kCompactOutAfter = 64 * 1024;
+// Answers held back while a read's requests are handled go out once this
+// much is queued, so a large answer (a data-store sync in many frames)
+// still flows into the socket instead of piling up towards the send limit.
+constexpr std::size_t kHoldBackMax = 64 * 1024;
 
 std::int64_t SteadyMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -197,7 +201,8 @@ bool cChannel::Send(cFrame const& frame) {
     return false;
   }
   EncodeFrame(frame, m_out);
-  if (m_dispatching) return true;  // leaves with the rest once the read is handled
+  // Leaves with the rest once the read is handled.
+  if (m_dispatching && Pending() < kHoldBackMax) return true;
   // A failed write is left for the loop (EPOLLERR/EPOLLOUT), so the handler
   // never hears of a close from inside Send.
   FlushQueued();
