@@ -60,7 +60,11 @@ class cProxyProcess {
     prefix.insert(prefix.end(), {HALPROXY_PATH, "--listen", m_ap});
     prefix.insert(prefix.end(), args.begin(), args.end());
     Spawn(prefix);
-    if (!Logged("listening on")) return ::testing::AssertionFailure() << "no start: " << Log();
+    // Port 0: the transport's own "listening on" line may come before the
+    // one naming the port the system picked, so wait for that one.
+    bool const pickedPort = m_ap.size() > 2 && m_ap.compare(m_ap.size() - 2, 2, ":0") == 0;
+    if (!Logged(pickedPort ? "(port " : "listening on"))
+      return ::testing::AssertionFailure() << "no start: " << Log();
     std::string log = Log();
     if (std::size_t at = log.find("(port "); at != std::string::npos)
       m_ap.replace(m_ap.size() - 1, 1, std::to_string(std::atoi(log.c_str() + at + 6)));
