@@ -20,6 +20,18 @@ class IRouteBackend {
   // Installs route, replacing one with the same destination, prefix and
   // metric; an identical route already installed is left as it is.
   virtual int ConfigureRoute(cRoute const& route) = 0;
+  // Installs routes in order, each as ConfigureRoute would; results[i] and
+  // details[i] (empty when there is nothing to add) answer routes[i]. A
+  // backend that can hand the kernel many routes in one exchange overrides it.
+  virtual void ConfigureRoutes(std::vector<cRoute> const& routes, std::vector<int>& results,
+                               std::vector<std::string>& details) {
+    results.clear();
+    details.clear();
+    for (cRoute const& route : routes) {
+      results.push_back(ConfigureRoute(route));
+      details.push_back(results.back() != 0 ? LastDetail() : std::string());
+    }
+  }
   // Removes the first of our routes of route's type to its destination and
   // prefix (via its gateway unless that is 0). Nothing to remove is success.
   virtual int RemoveRoute(cRoute const& route) = 0;
