@@ -33,6 +33,11 @@ int cHalClient::Call(cHalRequest const& req) {
     KEST_TRACE(kModule, kLevelError, "%s: request too large to send", halop::Name(req.op));
     return halerr::kProtocol;
   }
+  if (m_batching) {
+    int rc = Post(req.op, body);
+    if (rc != 0) ++m_batchFailures;
+    return rc;
+  }
   int rc = Request(req.op, body, reply);
   if (rc != 0) return rc;
   int result = 0;
@@ -43,6 +48,35 @@ int cHalClient::Call(cHalRequest const& req) {
     return halerr::kProtocol;
   }
   return result;
+}
+
+void cHalClient::BeginBatch() {
+  m_batching = true;
+  m_batchFailures = 0;
+}
+
+unsigned cHalClient::EndBatch() {
+  m_batching = false;
+  Collect();  // a failure is traced there and its requests counted as lost
+  unsigned failures = m_batchFailures;
+  m_batchFailures = 0;
+  return failures;
+}
+
+void cHalClient::OnPostedReply(kest::cFrame& frame) {
+  int result = 0;
+  std::string error;
+  if (!DecodeResult(frame.body, result, error)) {
+    KEST_TRACE(kModule, kLevelError, "%s: malformed answer from %s: %s",
+               halop::Name(frame.op) ? halop::Name(frame.op) : "request", AccessPoint().c_str(),
+               error.c_str());
+    result = halerr::kProtocol;
+  }
+  if (result != 0) ++m_batchFailures;
+}
+
+void cHalClient::OnPostedLost(std::size_t count) {
+  m_batchFailures += static_cast<unsigned>(count);
 }
 
 int cHalClient::ConfigureIPGateway(std::string const& network, std::string const& netmask,

@@ -51,6 +51,15 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   int ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) override;
   int RemoveIPDefaultGateway(std::string const& gateway) override;
 
+  // For callers that ignore the answers, like the periodic refresh: between
+  // BeginBatch and EndBatch the route operations do not wait for their
+  // answers one by one (they return 0 once sent, or why they could not be
+  // sent), which saves a round trip per request and lets the proxy hand the
+  // kernel many routes at once. EndBatch waits for every answer and returns
+  // how many were not 0 or never came. A redirect sees the calls as usual.
+  void BeginBatch();
+  unsigned EndBatch();
+
   // Every operation goes to api instead of the HAL proxy; nullptr restores.
   void Redirect(IHalApi* api) { m_redirect = api; }
 
@@ -63,12 +72,16 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
 
  protected:
   void OnConnected() override;  // posts "HAL::ON-CONNECT" to the service
+  void OnPostedReply(kest::cFrame& frame) override;
+  void OnPostedLost(std::size_t count) override;
 
  private:
   int Call(cHalRequest const& req);
 
   [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
+  bool m_batching = false;
+  unsigned m_batchFailures = 0;
 };
 
 // Nothing to set up or tear down; kept for the library's start/stop contract.

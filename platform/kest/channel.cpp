@@ -141,6 +141,7 @@ bool cChannel::Dispatch() {
     }
     if (m_handler) m_handler->OnFrame(this, frame);
   }
+  if (!nested && m_handler) m_handler->OnFramesDone(this);
   m_dispatching = nested;
   if (!nested) FlushQueued();
   return open;
@@ -186,7 +187,11 @@ void cChannel::UpdateInterest() {
   Loop().ModifyFd(m_fd, EPOLLIN | (want ? EPOLLOUT : 0u));
 }
 
-bool cChannel::Send(cFrame const& frame) {
+bool cChannel::Send(cFrame const& frame) { return Append(frame, m_dispatching); }
+
+bool cChannel::Queue(cFrame const& frame) { return Append(frame, true); }
+
+bool cChannel::Append(cFrame const& frame, bool holdBack) {
   if (!IsOpen()) return false;
   std::size_t size = kFrameHeader + frame.body.Size();
   if (size - 4 > kMaxFrame) {
@@ -202,7 +207,7 @@ bool cChannel::Send(cFrame const& frame) {
   }
   EncodeFrame(frame, m_out);
   // Leaves with the rest once the read is handled.
-  if (m_dispatching && Pending() < kHoldBackMax) return true;
+  if (holdBack && Pending() < kHoldBackMax) return true;
   // A failed write is left for the loop (EPOLLERR/EPOLLOUT), so the handler
   // never hears of a close from inside Send.
   FlushQueued();

@@ -21,6 +21,9 @@ class cChannel;
 class IChannelHandler {
  public:
   virtual void OnFrame(cChannel* channel, cFrame& frame) = 0;
+  // The frames of one read have all been handled and their answers are about
+  // to leave together: a handler that defers work to batch it finishes it here.
+  virtual void OnFramesDone(cChannel* channel) { (void)channel; }
   // After this the channel is closed; it is destroyed later by its owner.
   // Owners must not delete a channel from inside its callbacks: they post
   // the deletion to the loop instead.
@@ -55,6 +58,10 @@ class cChannel {
   // frame limit (traced; the channel stays open). Never calls the handler
   // except for that send-limit close.
   bool Send(cFrame const& frame);
+  // As Send, but the frame waits for Flush (or for more to follow) unless a
+  // lot is queued: a client pipelining requests writes them in one go.
+  bool Queue(cFrame const& frame);
+  void Flush() { FlushQueued(); }
   // Closes the socket once; the handler hears OnChannelClosed.
   void Close(std::string const& reason);
   // Close for a fault of the peer (bad frame, send limit): traced with the peer.
@@ -72,6 +79,7 @@ class cChannel {
   void OnEvents(std::uint32_t events);
   void ReadSome();
   bool Dispatch();
+  bool Append(cFrame const& frame, bool holdBack);
   int WriteSome();  // 0 or the errno of a failed write; never closes
   void UpdateInterest();
 

@@ -358,6 +358,10 @@ void cServer::OnFrame(cChannel* channel, cFrame& frame) {
   if (m_handler) m_handler->OnFrame(channel, frame);
 }
 
+void cServer::OnFramesDone(cChannel* channel) {
+  if (m_handler) m_handler->OnFramesDone(channel);
+}
+
 bool cServer::Reply(cChannel* channel, std::uint32_t id, std::uint16_t op,
                     cSerializeBuffer const& body) {
   if (m_channels.find(channel) == m_channels.end()) return false;

@@ -19,6 +19,8 @@ class IServerHandler {
  public:
   virtual void OnOpen(cChannel* channel) = 0;
   virtual void OnFrame(cChannel* channel, cFrame& frame) = 0;
+  // After the frames of one read (see IChannelHandler::OnFramesDone).
+  virtual void OnFramesDone(cChannel* channel) { (void)channel; }
   virtual void OnClose(cChannel* channel) = 0;  // every opened channel gets exactly one
 
  protected:
@@ -70,6 +72,7 @@ class cServer : private IChannelHandler {
  private:
   void OnChannelClosed(cChannel* channel, std::string const& reason) override;
   void OnFrame(cChannel* channel, cFrame& frame) override;
+  void OnFramesDone(cChannel* channel) override;
   void Accept();
   bool Admit(int fd, std::string const& peer);
   int OpenListener(std::string& why);

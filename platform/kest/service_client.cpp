@@ -166,6 +166,11 @@ void cServiceClient::OnChannelClosed(cChannel* channel, std::string const& reaso
   if (channel != m_channel.get()) return;
   std::shared_ptr<cChannel> dying(std::move(m_channel));
   Loop().Post([dying] {});
+  if (!m_posted.empty()) {
+    std::size_t lost = m_posted.size();
+    m_posted.clear();
+    OnPostedLost(lost);
+  }
   if (m_started) {
     KEST_TRACE(kTransportModule, kTransportError,
                "connection to %s lost (%s); reconnecting in %u ms", m_accessPoint.c_str(),
@@ -185,6 +190,10 @@ void cServiceClient::OnFrame(cChannel* channel, cFrame& frame) {
     if (m_inRequest && frame.id == m_waitId && !m_gotReply) {
       *m_reply = std::move(frame.body);
       m_gotReply = true;
+    } else if (auto it = std::find(m_posted.begin(), m_posted.end(), frame.id);
+               it != m_posted.end()) {
+      m_posted.erase(it);  // the front one, unless the server answers out of order
+      OnPostedReply(frame);
     } else {
       KEST_TRACE(kTransportModule, kTransportError,
                  "dropping unexpected reply (id %u, op %u) from %s", frame.id, frame.op,
@@ -217,39 +226,32 @@ void cServiceClient::DrainEvents() {
   }
 }
 
-int cServiceClient::Request(std::uint16_t op, cSerializeBuffer const& body,
-                            cSerializeBuffer& reply) {
-  if (!IsConnected()) return clienterr::kNotConnected;
+bool cServiceClient::Sendable(std::uint16_t op, cSerializeBuffer const& body) {
   if (m_inRequest || kFrameHeader - 4 + body.Size() > kMaxFrame) {
     KEST_TRACE(kTransportModule, kTransportError, "request op %u to %s refused: %s", op,
                m_accessPoint.c_str(),
                m_inRequest ? "another request is in progress" : "body exceeds the frame limit");
-    return clienterr::kProtocol;
+    return false;
   }
+  return true;
+}
+
+cFrame cServiceClient::RequestFrame(std::uint16_t op, cSerializeBuffer const& body) {
   cFrame frame;
   frame.kind = cFrame::kRequest;
   frame.id = m_nextId++;
   if (m_nextId == 0) m_nextId = 1;
   frame.op = op;
   frame.body = body;
+  return frame;
+}
 
-  std::int64_t deadline = SteadyMs() + m_timeoutMs;
-  m_inRequest = true;
-  m_waitId = frame.id;
-  m_gotReply = false;
-  m_reply = &reply;
-  cChannel* channel = m_channel.get();  // stays allocated until the loop runs again
-  int rc = channel->Send(frame) ? 0 : clienterr::kConnectionLost;
-  while (rc == 0 && !m_gotReply) {
-    if (!IsConnected()) {
-      rc = clienterr::kConnectionLost;
-      break;
-    }
+int cServiceClient::Await(std::function<bool()> const& done, std::int64_t deadline) {
+  while (!done()) {
+    if (!IsConnected()) return clienterr::kConnectionLost;
     std::int64_t left = deadline - SteadyMs();
-    if (left <= 0) {
-      rc = clienterr::kTimeout;
-      break;
-    }
+    if (left <= 0) return clienterr::kTimeout;
+    cChannel* channel = m_channel.get();  // stays allocated until the loop runs again
     pollfd p{channel->Fd(), static_cast<short>(POLLIN | (channel->Pending() ? POLLOUT : 0)), 0};
     if (poll(&p, 1, static_cast<int>(left)) <= 0) continue;
     if (p.revents & POLLOUT) {
@@ -258,19 +260,65 @@ int cServiceClient::Request(std::uint16_t op, cSerializeBuffer const& body,
     }
     if (channel->IsOpen() && (p.revents & (POLLIN | POLLHUP | POLLERR))) channel->ReadSome();
   }
-  m_inRequest = false;
-  m_reply = nullptr;
+  return 0;
+}
 
+void cServiceClient::WaitFailed(char const* what, std::uint16_t op, int rc) {
   if (rc == clienterr::kTimeout) {
-    // A reply arriving later would be taken for the next request's.
     KEST_TRACE(kTransportModule, kTransportError,
-               "request op %u to %s got no reply within %u ms; dropping the connection", op,
+               "%s op %u to %s got no reply within %u ms; dropping the connection", what, op,
                m_accessPoint.c_str(), m_timeoutMs);
     if (m_channel) m_channel->Close("request timed out");
   } else if (rc == clienterr::kConnectionLost) {
-    KEST_TRACE(kTransportModule, kTransportError, "request op %u to %s failed: connection lost", op,
-               m_accessPoint.c_str());
+    KEST_TRACE(kTransportModule, kTransportError, "%s op %u to %s failed: connection lost", what,
+               op, m_accessPoint.c_str());
   }
+}
+
+int cServiceClient::Request(std::uint16_t op, cSerializeBuffer const& body,
+                            cSerializeBuffer& reply) {
+  if (!IsConnected()) return clienterr::kNotConnected;
+  if (!Sendable(op, body)) return clienterr::kProtocol;
+  cFrame frame = RequestFrame(op, body);
+  std::int64_t deadline = SteadyMs() + m_timeoutMs;
+  m_inRequest = true;
+  m_waitId = frame.id;
+  m_gotReply = false;
+  m_reply = &reply;
+  int rc = m_channel->Send(frame) ? 0 : clienterr::kConnectionLost;
+  if (rc == 0) rc = Await([this] { return m_gotReply; }, deadline);
+  m_inRequest = false;
+  m_reply = nullptr;
+  WaitFailed("request", op, rc);
+  return rc;
+}
+
+int cServiceClient::Post(std::uint16_t op, cSerializeBuffer const& body) {
+  if (!IsConnected()) return clienterr::kNotConnected;
+  if (!Sendable(op, body)) return clienterr::kProtocol;
+  if (m_posted.size() >= kPostWindow) {
+    // Down to half the window, so the next requests leave in one write.
+    m_channel->Flush();
+    int rc = Await([this] { return m_posted.size() < kPostWindow / 2; }, SteadyMs() + m_timeoutMs);
+    if (rc != 0) {
+      WaitFailed("posted request", op, rc);
+      return rc;
+    }
+  }
+  cFrame frame = RequestFrame(op, body);
+  if (!m_channel->Queue(frame)) return clienterr::kConnectionLost;
+  m_posted.push_back(frame.id);
+  m_lastPostedOp = op;
+  return 0;
+}
+
+int cServiceClient::Collect() {
+  if (m_posted.empty()) return 0;
+  if (!IsConnected()) return clienterr::kConnectionLost;
+  m_channel->Flush();
+  std::uint16_t const op = m_lastPostedOp;
+  int rc = Await([this] { return m_posted.empty(); }, SteadyMs() + m_timeoutMs);
+  WaitFailed("posted request", op, rc);
   return rc;
 }
 

@@ -55,6 +55,19 @@ class cServiceClient : private IChannelHandler {
   int Request(std::uint16_t op, cSerializeBuffer const& body, cSerializeBuffer& reply);
   bool SendEvent(std::uint16_t op, cSerializeBuffer const& body);
 
+  // Pipelined requests, for callers that need no answer before they go on.
+  // Post sends a request without waiting for its answer, which reaches
+  // OnPostedReply later (from inside Post, Request or Collect, or from the
+  // loop). At most kPostWindow requests go unanswered: beyond that Post
+  // first waits for answers, so neither side's socket buffers fill up.
+  // 0, or a clienterr code and the request was not sent.
+  static constexpr std::size_t kPostWindow = 256;
+  int Post(std::uint16_t op, cSerializeBuffer const& body);
+  // Waits until every posted request is answered: 0, or kTimeout or
+  // kConnectionLost, and the connection is gone with the answers still due
+  // (OnPostedLost counts them).
+  int Collect();
+
   void AddWatcher(cServiceClientWatcher* watcher);
   void RemoveWatcher(cServiceClientWatcher* watcher);
 
@@ -64,6 +77,10 @@ class cServiceClient : private IChannelHandler {
   virtual void OnConnected() {}
   virtual void OnDisconnected() {}
   virtual void OnEvent(cFrame& frame) { (void)frame; }
+  // The answer to a posted request; the frame's id is the one it was sent with.
+  virtual void OnPostedReply(cFrame& frame) { (void)frame; }
+  // Posted requests that will never be answered: their connection is gone.
+  virtual void OnPostedLost(std::size_t count) { (void)count; }
 
  private:
   void OnFrame(cChannel* channel, cFrame& frame) override;
@@ -75,6 +92,14 @@ class cServiceClient : private IChannelHandler {
   void AbandonConnect();
   void ScheduleReconnect();
   void DrainEvents();
+  // Polls only this connection until done() or the deadline: 0, kTimeout or
+  // kConnectionLost. Other frames that arrive are handled as usual.
+  int Await(std::function<bool()> const& done, std::int64_t deadline);
+  // Traces a failed wait of op; a timeout drops the connection, since a late
+  // answer would be taken for the next request's.
+  void WaitFailed(char const* what, std::uint16_t op, int rc);
+  bool Sendable(std::uint16_t op, cSerializeBuffer const& body);
+  cFrame RequestFrame(std::uint16_t op, cSerializeBuffer const& body);
   void RunLater(std::function<void()> fn);  // dropped if this client is gone by then
 
   cService* m_service;
@@ -93,6 +118,8 @@ class cServiceClient : private IChannelHandler {
   std::uint32_t m_waitId = 0;
   bool m_gotReply = false;
   cSerializeBuffer* m_reply = nullptr;
+  std::deque<std::uint32_t> m_posted;  // ids of posted requests not yet answered
+  std::uint16_t m_lastPostedOp = 0;     // names a batch in traces
   std::deque<cFrame> m_events;
   bool m_drainPosted = false;
   std::shared_ptr<bool> m_life = std::make_shared<bool>(true);

@@ -69,8 +69,13 @@ void cRouteMgrService::OnRefresh(kest::cMsg&) {
     return;
   }
   m_refreshing = true;
+  // Nothing of the refresh looks at the HAL's answers, so its requests go out
+  // without waiting for them one by one; the batch ends, with every answer
+  // in, before any other message is handled.
+  m_halClient.BeginBatch();
   SetDefaultGateways();
   SetRoutesByGw(false, false);
   SetCustomRoutes();
+  m_halClient.EndBatch();
   m_refreshing = false;
 }

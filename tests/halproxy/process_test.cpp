@@ -6,6 +6,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -54,6 +55,42 @@ TEST_F(HalproxyProcess, ClientRequestsChangeTheTableAndAreLogged) {
                    "0.0.0.0 metric 0 avail=1 -> -19 (No such device: no interface 'eth9')"))
       << proxy.Log();
   EXPECT_EQ(0, proxy.Stop());  // SIGTERM ends it cleanly
+}
+
+// The refresh's batch: more requests in flight than one window, answered in
+// the order asked (a removal between installations), failures counted, and
+// the requests a dead proxy never answered counted too.
+TEST_F(HalproxyProcess, BatchKeepsOrderAndCountsFailedAndLostAnswers) {
+  ASSERT_TRUE(proxy.Start({"--interfaces=eth1"}));
+  ASSERT_TRUE(proxy.Connect());
+  hal::cHalClient& hal = proxy.Hal();
+  ASSERT_EQ(0, hal.InjectFault(hal::halop::kConfigureIPGateway, -5, 2));
+  auto const net = [](int i) { return kest::FormatString("10.%d.%d.0", i / 256, i % 256); };
+  int const routes = 3 * static_cast<int>(kest::cServiceClient::kPostWindow);
+  hal.BeginBatch();
+  for (int i = 0; i < routes; ++i) {
+    ASSERT_EQ(0, hal.ConfigureIPGateway(net(i), "255.255.255.0", "192.168.1.1", "0.0.0.0", "eth1",
+                                        0, true));
+  }
+  // Leaves in the same write as the installation it undoes.
+  EXPECT_EQ(0, hal.RemoveIPGateway(net(routes - 1), "255.255.255.0", "192.168.1.1", true));
+  EXPECT_EQ(2u, hal.EndBatch());  // the first two met the fault
+  Lines table = proxy.Routes();
+  EXPECT_EQ(static_cast<std::size_t>(routes - 3), table.size());
+  EXPECT_EQ(table.end(), std::find(table.begin(), table.end(),
+                                   net(routes - 1) + "/24 via 192.168.1.1 dev eth1 metric 0"));
+  EXPECT_NE(table.end(), std::find(table.begin(), table.end(),
+                                   net(routes - 2) + "/24 via 192.168.1.1 dev eth1 metric 0"));
+
+  proxy.Kill();
+  hal.BeginBatch();
+  for (int i = 0; i < 5; ++i) {
+    hal.ConfigureIPGateway(net(i), "255.255.255.0", "192.168.1.1", "0.0.0.0", "eth1", 0, true);
+  }
+  EXPECT_EQ(5u, hal.EndBatch());
+  hal.BeginBatch();
+  EXPECT_EQ(-1001, hal.RemoveIPDefaultGateway("10.0.0.1"));
+  EXPECT_EQ(1u, hal.EndBatch());
 }
 
 void Put(std::vector<std::uint8_t>& out, std::uint8_t kind, std::uint16_t op,

@@ -90,6 +90,11 @@ class cProxyProcess {
     if (m_pid > 0) kill(m_pid, SIGKILL);
     return Wait() == -1 ? status : -1;
   }
+  // Gone without a word, as after a crash; the client stays.
+  void Kill() {
+    if (m_pid > 0) kill(m_pid, SIGKILL);
+    Wait();
+  }
   // halproxy args... to its end, output to the log; its exit status.
   int Run(Lines args) {
     args.insert(args.begin(), HALPROXY_PATH);

@@ -64,9 +64,8 @@ std::string ResultText(int rc, std::string const& detail) {
 cHalProxy::cHalProxy(IRouteBackend& backend, eUnavailable unavailable)
     : m_backend(backend), m_unavailable(unavailable) {}
 
-int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
+int cHalProxy::RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& detail) {
   bool const configure = req.op == hal::halop::kConfigureIPGateway;
-  cRoute route;
   if (!ParsePrefix(req, route, detail) ||
       !ParseAddress("gateway", req.gateway, route.gateway, detail) ||
       (configure && !ParseAddress("source", req.source, route.source, detail))) {
@@ -89,7 +88,15 @@ int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
     route.ifname = req.ifname;
     route.metric = req.metric;
   }
-  int rc = configure ? m_backend.ConfigureRoute(route) : m_backend.RemoveRoute(route);
+  return 1;
+}
+
+int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
+  cRoute route;
+  int rc = RouteOf(req, route, detail);
+  if (rc <= 0) return rc;
+  rc = req.op == hal::halop::kConfigureIPGateway ? m_backend.ConfigureRoute(route)
+                                                  : m_backend.RemoveRoute(route);
   if (rc != 0) detail = m_backend.LastDetail();
   return rc;
 }
@@ -171,27 +178,65 @@ void cHalProxy::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
     HALPROXY_LOG(kLevelWarning, "bad request op %u from %s: %s -> %s",
                  static_cast<unsigned>(frame.op), channel->PeerText().c_str(), error.c_str(),
                  ResultText(rc, "").c_str());
-  } else {
-    std::string detail;
-    rc = Execute(req, lines, detail);
-    HALPROXY_LOG(rc == 0 ? kLevelDebug : kLevelInfo, "%s -> %s", hal::Describe(req).c_str(),
-                 ResultText(rc, detail).c_str());
+    FlushPending(channel);
+    Answer(channel, frame.id, frame.op, rc, lines);
+    return;
   }
+  std::string detail;
+  bool const install = req.op == hal::halop::kConfigureIPGateway;
+  if (install) {
+    cRoute route;
+    rc = RouteOf(req, route, detail);
+    if (rc > 0) {
+      // Installations of one read go to the backend together (OnFramesDone).
+      m_pendingRoutes.push_back(std::move(route));
+      m_pending.push_back(cPending{frame.id, std::move(req)});
+      return;
+    }
+  }
+  // Everything else is done, and answered, in the order it was asked.
+  FlushPending(channel);
+  if (!install) rc = Execute(req, lines, detail);
+  HALPROXY_LOG(rc == 0 ? kLevelDebug : kLevelInfo, "%s -> %s", hal::Describe(req).c_str(),
+               ResultText(rc, detail).c_str());
+  Answer(channel, frame.id, frame.op, rc, lines);
+}
 
+void cHalProxy::OnFramesDone(kest::cChannel* channel) { FlushPending(channel); }
+
+void cHalProxy::FlushPending(kest::cChannel* channel) {
+  if (m_pending.empty()) return;
+  m_backend.ConfigureRoutes(m_pendingRoutes, m_results, m_details);
+  static std::vector<std::string> const none;
+  static std::string const noDetail;
+  for (std::size_t i = 0; i < m_pending.size(); ++i) {
+    // A backend that answers fewer routes than it was given is broken.
+    int const rc = i < m_results.size() ? m_results[i] : -EIO;
+    std::string const& detail = i < m_details.size() ? m_details[i] : noDetail;
+    HALPROXY_LOG(rc == 0 ? kLevelDebug : kLevelInfo, "%s -> %s",
+                 hal::Describe(m_pending[i].req).c_str(), ResultText(rc, detail).c_str());
+    Answer(channel, m_pending[i].id, hal::halop::kConfigureIPGateway, rc, none);
+  }
+  m_pending.clear();
+  m_pendingRoutes.clear();
+}
+
+void cHalProxy::Answer(kest::cChannel* channel, std::uint32_t id, std::uint16_t op, int rc,
+                       std::vector<std::string> const& lines) {
   kest::cSerializeBuffer body;
-  if (frame.op == hal::halop::kListRoutes && rc == 0) {
+  if (op == hal::halop::kListRoutes && rc == 0) {
     // Past one frame the table cannot travel; say so rather than cut it.
     if (!hal::EncodeRouteList(rc, lines, body) || body.Size() + kest::kFrameHeader > kest::kMaxFrame) {
       HALPROXY_LOG(kLevelWarning, "ListRoutes: %zu routes do not fit in one answer", lines.size());
       body.Clear();
       hal::EncodeRouteList(-EMSGSIZE, {}, body);
     }
-  } else if (frame.op == hal::halop::kListRoutes) {
+  } else if (op == hal::halop::kListRoutes) {
     hal::EncodeRouteList(rc, {}, body);
   } else {
     hal::EncodeResult(rc, body);
   }
-  if (m_server == nullptr || !m_server->Reply(channel, frame.id, frame.op, body)) {
+  if (m_server == nullptr || !m_server->Reply(channel, id, op, body)) {
     HALPROXY_LOG(kLevelWarning, "could not answer %s", channel->PeerText().c_str());
   }
 }

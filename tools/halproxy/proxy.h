@@ -30,16 +30,34 @@ class cHalProxy : public kest::IServerHandler {
 
   void OnOpen(kest::cChannel* channel) override;
   void OnFrame(kest::cChannel* channel, kest::cFrame& frame) override;
+  void OnFramesDone(kest::cChannel* channel) override;
   void OnClose(kest::cChannel* channel) override;
 
  private:
+  // A route installation of the current read, waiting to go to the backend
+  // with the others of that read.
+  struct cPending {
+    std::uint32_t id;
+    hal::cHalRequest req;
+  };
+
+  // 1 with the route a route request stands for, 0 when there is nothing to
+  // do (detail says why), or a negative errno.
+  int RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& detail);
   int RouteRequest(hal::cHalRequest const& req, std::string& detail);
+  void FlushPending(kest::cChannel* channel);
+  void Answer(kest::cChannel* channel, std::uint32_t id, std::uint16_t op, int rc,
+              std::vector<std::string> const& lines);
   int DefaultRequest(hal::cHalRequest const& req, std::string& detail);
   int FaultRequest(hal::cHalRequest const& req, std::string& detail);
 
   IRouteBackend& m_backend;
   eUnavailable m_unavailable;
   kest::cServer* m_server = nullptr;
+  std::vector<cPending> m_pending;
+  std::vector<cRoute> m_pendingRoutes;  // m_pending's routes, as the backend takes them
+  std::vector<int> m_results;           // reused by every batch
+  std::vector<std::string> m_details;
 };
 
 }  // namespace halproxy
