@@ -1,6 +1,7 @@
-// halproxy's rtnetlink reply parser on arbitrary datagrams, as whatever
-// answers on the netlink socket sends them. Bytes 0..3: the sequence number
-// of the request being answered (LE); the rest is one datagram.
+// halproxy's rtnetlink reply parsers (one request's answer, a batch's acks)
+// on arbitrary datagrams, as whatever answers on the netlink socket sends
+// them. Bytes 0..3: the sequence number of the request being answered (LE);
+// the rest is one datagram.
 #include "fuzz_check.h"
 #include "netlink_codec.h"
 
@@ -24,5 +25,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   nl::cNlRoute route;
   (void)nl::ParseRoute(datagram, len, route);
+  // The same datagram as answers to a batch of 16 requests around seq: only
+  // answers of the batch come back, a malformed datagram says why.
+  std::vector<nl::cNlAck> acks;
+  std::string malformed;
+  if (!nl::ParseAcks(datagram, len, seq - 8, 16, acks, malformed)) FUZZ_CHECK(!malformed.empty());
+  for (nl::cNlAck const& ack : acks) {
+    FUZZ_CHECK(ack.seq - (seq - 8) < 16);
+    FUZZ_CHECK(ack.error <= 0);
+  }
   return 0;
 }

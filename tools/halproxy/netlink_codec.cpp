@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <utility>
 
 namespace halproxy {
 namespace nl {
@@ -14,12 +15,14 @@ namespace nl {
 namespace {
 
 // Large enough for a route message with every attribute we put.
-constexpr std::size_t kBuildBuffer = 256;
+constexpr std::size_t kBuildBuffer = kRouteMessageMax;
 
-std::vector<std::uint8_t> BuildRoute(std::uint16_t type, std::uint16_t flags, cNlRoute const& r,
-                                     std::uint32_t seq) {
-  std::vector<std::uint8_t> buf(kBuildBuffer);
-  nlmsghdr* nlh = mnl_nlmsg_put_header(buf.data());
+// Appends the message to out.
+void PutRoute(std::vector<std::uint8_t>& out, std::uint16_t type, std::uint16_t flags,
+              cNlRoute const& r, std::uint32_t seq) {
+  std::size_t const start = out.size();
+  out.resize(start + kBuildBuffer);
+  nlmsghdr* nlh = mnl_nlmsg_put_header(out.data() + start);
   nlh->nlmsg_type = type;
   nlh->nlmsg_flags = static_cast<std::uint16_t>(NLM_F_REQUEST | flags);
   nlh->nlmsg_seq = seq;
@@ -40,7 +43,13 @@ std::vector<std::uint8_t> BuildRoute(std::uint16_t type, std::uint16_t flags, cN
   if (r.oif != 0) mnl_attr_put_u32(nlh, RTA_OIF, r.oif);
   if (r.prefsrc != 0) mnl_attr_put_u32(nlh, RTA_PREFSRC, htonl(r.prefsrc));
   if (r.hasPriority) mnl_attr_put_u32(nlh, RTA_PRIORITY, r.priority);
-  buf.resize(nlh->nlmsg_len);
+  out.resize(start + nlh->nlmsg_len);
+}
+
+std::vector<std::uint8_t> BuildRoute(std::uint16_t type, std::uint16_t flags, cNlRoute const& r,
+                                     std::uint32_t seq) {
+  std::vector<std::uint8_t> buf;
+  PutRoute(buf, type, flags, r, seq);
   return buf;
 }
 
@@ -80,11 +89,74 @@ std::string AckMessage(const std::uint8_t* p, std::size_t len) {
   return text;
 }
 
+// Walks the messages of a datagram; fn(header, payload, payloadLen) returns
+// false to stop. Empty, or what is malformed about the datagram.
+template <typename Fn>
+std::string WalkMessages(const std::uint8_t* data, std::size_t len, Fn fn) {
+  std::size_t off = 0;
+  while (len - off >= sizeof(nlmsghdr)) {
+    nlmsghdr h;
+    std::memcpy(&h, data + off, sizeof h);
+    if (h.nlmsg_len < sizeof(nlmsghdr) || h.nlmsg_len > len - off)
+      return "message length " + std::to_string(h.nlmsg_len) + " does not fit";
+    const std::uint8_t* payload = data + off + NLMSG_HDRLEN;
+    std::size_t plen = h.nlmsg_len - NLMSG_HDRLEN;
+    std::size_t step = NLMSG_ALIGN(h.nlmsg_len);
+    off = step > len - off ? len : off + step;
+    if (!fn(h, payload, plen)) return {};
+  }
+  if (off != len) return std::to_string(len - off) + " stray bytes";
+  return {};
+}
+
+// The code and extended-ack text of an NLMSG_ERROR or NLMSG_DONE message:
+// kDone, or kMalformed and why.
+cNlResult ParseErrorPayload(nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+  cNlResult res;
+  if (plen < sizeof(std::int32_t)) {
+    res.status = cNlResult::kMalformed;
+    res.message = "error message too short";
+    return res;
+  }
+  std::int32_t err;
+  std::memcpy(&err, payload, sizeof err);
+  // Only errors are negative; a positive value is nonsense, not success.
+  if (err > 0) {
+    res.status = cNlResult::kMalformed;
+    res.message = "positive error " + std::to_string(err);
+    return res;
+  }
+  res.status = cNlResult::kDone;
+  res.error = err;
+  if (h.nlmsg_flags & NLM_F_ACK_TLVS) {
+    std::size_t tlv = sizeof(std::int32_t);
+    if (h.nlmsg_type == NLMSG_ERROR) {
+      // The request's header follows the code, and its body too unless
+      // the kernel capped it.
+      std::size_t orig = sizeof(nlmsghdr);
+      if (!(h.nlmsg_flags & NLM_F_CAPPED) && plen >= tlv + sizeof(nlmsghdr)) {
+        nlmsghdr req;
+        std::memcpy(&req, payload + tlv, sizeof req);
+        orig = req.nlmsg_len;
+      }
+      if (orig > plen) orig = plen;
+      tlv = NLMSG_ALIGN(tlv + orig);
+    }
+    if (tlv < plen) res.message = AckMessage(payload + tlv, plen - tlv);
+  }
+  return res;
+}
+
 }  // namespace
 
 std::vector<std::uint8_t> BuildNewRoute(cNlRoute const& route, std::uint16_t flags,
                                         std::uint32_t seq) {
   return BuildRoute(RTM_NEWROUTE, flags, route, seq);
+}
+
+void AppendNewRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint16_t flags,
+                    std::uint32_t seq) {
+  PutRoute(buf, RTM_NEWROUTE, flags, route, seq);
 }
 
 std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq) {
@@ -141,75 +213,52 @@ bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out) {
 cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
                      std::vector<cNlRoute>* routes) {
   cNlResult res;
-  std::size_t off = 0;
-  while (len - off >= sizeof(nlmsghdr)) {
-    nlmsghdr h;
-    std::memcpy(&h, data + off, sizeof h);
-    if (h.nlmsg_len < sizeof(nlmsghdr) || h.nlmsg_len > len - off) {
-      res.status = cNlResult::kMalformed;
-      res.message = "message length " + std::to_string(h.nlmsg_len) + " does not fit";
-      return res;
-    }
-    const std::uint8_t* payload = data + off + NLMSG_HDRLEN;
-    std::size_t plen = h.nlmsg_len - NLMSG_HDRLEN;
-    std::size_t step = NLMSG_ALIGN(h.nlmsg_len);
-    off = step > len - off ? len : off + step;
-    if (h.nlmsg_seq != seq) continue;  // a late answer to an earlier request
-
-    if (h.nlmsg_type == NLMSG_ERROR || h.nlmsg_type == NLMSG_DONE) {
-      if (plen < sizeof(std::int32_t)) {
-        // An old kernel ends a dump with an empty NLMSG_DONE.
-        if (h.nlmsg_type == NLMSG_DONE) {
+  std::string malformed =
+      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+        if (h.nlmsg_seq != seq) return true;  // a late answer to an earlier request
+        if (h.nlmsg_type == NLMSG_DONE && plen < sizeof(std::int32_t)) {
+          // An old kernel ends a dump with an empty NLMSG_DONE.
           res.status = cNlResult::kDone;
-          return res;
+          return false;
         }
-        res.status = cNlResult::kMalformed;
-        res.message = "error message too short";
-        return res;
-      }
-      std::int32_t err;
-      std::memcpy(&err, payload, sizeof err);
-      // Only errors are negative; a positive value is nonsense, not success.
-      if (err > 0) {
-        res.status = cNlResult::kMalformed;
-        res.message = "positive error " + std::to_string(err);
-        return res;
-      }
-      res.status = cNlResult::kDone;
-      res.error = err;
-      if (h.nlmsg_flags & NLM_F_ACK_TLVS) {
-        std::size_t tlv = sizeof(std::int32_t);
-        if (h.nlmsg_type == NLMSG_ERROR) {
-          // The request's header follows the code, and its body too unless
-          // the kernel capped it.
-          std::size_t orig = sizeof(nlmsghdr);
-          if (!(h.nlmsg_flags & NLM_F_CAPPED) && plen >= tlv + sizeof(nlmsghdr)) {
-            nlmsghdr req;
-            std::memcpy(&req, payload + tlv, sizeof req);
-            orig = req.nlmsg_len;
-          }
-          if (orig > plen) orig = plen;
-          tlv = NLMSG_ALIGN(tlv + orig);
+        if (h.nlmsg_type == NLMSG_ERROR || h.nlmsg_type == NLMSG_DONE) {
+          res = ParseErrorPayload(h, payload, plen);
+          return false;
         }
-        if (tlv < plen) res.message = AckMessage(payload + tlv, plen - tlv);
-      }
-      return res;
-    }
-    if (h.nlmsg_type == RTM_NEWROUTE && routes != nullptr) {
-      cNlRoute r;
-      if (ParseRoute(payload, plen, r)) routes->push_back(r);
-    }
-    if (!(h.nlmsg_flags & NLM_F_MULTI)) {
-      // A single message that is neither an ack nor part of a dump ends it.
-      res.status = cNlResult::kDone;
-      return res;
-    }
-  }
-  if (off != len) {
+        if (h.nlmsg_type == RTM_NEWROUTE && routes != nullptr) {
+          cNlRoute r;
+          if (ParseRoute(payload, plen, r)) routes->push_back(r);
+        }
+        // A single message that is neither an ack nor part of a dump ends it.
+        if (h.nlmsg_flags & NLM_F_MULTI) return true;
+        res.status = cNlResult::kDone;
+        return false;
+      });
+  if (!malformed.empty()) {
+    res = cNlResult();
     res.status = cNlResult::kMalformed;
-    res.message = std::to_string(len - off) + " stray bytes";
+    res.message = std::move(malformed);
   }
   return res;
+}
+
+bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq,
+               std::uint32_t count, std::vector<cNlAck>& acks, std::string& malformed) {
+  std::string bad;
+  malformed =
+      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+        // Unsigned difference: a batch may wrap past the largest number.
+        if (h.nlmsg_type != NLMSG_ERROR || h.nlmsg_seq - firstSeq >= count) return true;
+        cNlResult res = ParseErrorPayload(h, payload, plen);
+        if (res.status == cNlResult::kMalformed) {
+          bad = "answer " + std::to_string(h.nlmsg_seq) + ": " + res.message;
+          return false;
+        }
+        acks.push_back(cNlAck{h.nlmsg_seq, res.error, std::move(res.message)});
+        return true;
+      });
+  if (malformed.empty()) malformed = std::move(bad);
+  return malformed.empty();
 }
 
 }  // namespace nl

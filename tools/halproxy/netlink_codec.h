@@ -32,9 +32,15 @@ struct cNlRoute {
   bool hasPriority = false;   // a removal without it matches any metric
 };
 
+// No route message we build is longer, whatever its attributes.
+constexpr std::size_t kRouteMessageMax = 256;
+
 // One message each; flags are NLM_F_* besides NLM_F_REQUEST, which is always set.
 std::vector<std::uint8_t> BuildNewRoute(cNlRoute const& route, std::uint16_t flags,
                                         std::uint32_t seq);
+// The same message appended to buf, so many of them go in one datagram.
+void AppendNewRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint16_t flags,
+                    std::uint32_t seq);
 std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq);
 std::vector<std::uint8_t> BuildRouteDump(std::uint32_t seq);
 
@@ -50,6 +56,21 @@ struct cNlResult {
 // the next datagram.
 cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
                      std::vector<cNlRoute>* routes);
+
+// The answer to one request of a batch: error 0 is the ack of a success.
+struct cNlAck {
+  std::uint32_t seq = 0;
+  int error = 0;        // 0 or a negative errno
+  std::string message;  // the kernel's extended-ack text
+};
+
+// Parses one datagram of answers to the count requests numbered firstSeq,
+// firstSeq + 1, ... (wrapping past 2^32): appends each NLMSG_ERROR among them
+// to acks, in order; messages with other numbers are stale and skipped. False
+// when the datagram is malformed, with what in malformed; the acks before it
+// are kept.
+bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq,
+               std::uint32_t count, std::vector<cNlAck>& acks, std::string& malformed);
 
 // The route of an RTM_NEWROUTE message's payload (struct rtmsg and its
 // attributes); false for another family or a malformed payload.
