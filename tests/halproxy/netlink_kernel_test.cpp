@@ -1,14 +1,18 @@
 // The netlink backend against a real kernel table: a network namespace of
 // the test's own with a veth pair, halproxy --backend=netlink inside it, and
 // the table read back with `ip route`. Needs root (CI runs as root).
+#include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstdio>
 
+#include "netlink_backend.h"
 #include "netlink_codec.h"
 #include "proxy_process.h"
 
@@ -63,21 +67,58 @@ class NetlinkKernel : public ::testing::Test {
     return lines;
   }
 
+  // The backend in this process: its sockets stay in the namespace they
+  // were opened in, so only Open runs there.
+  ::testing::AssertionResult OpenInNamespace(halproxy::cNetlinkBackend& backend) {
+    int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+    int ns = open(("/run/netns/" + m_ns).c_str(), O_RDONLY | O_CLOEXEC);
+    std::string error = "cannot enter the namespace";
+    bool opened = false;
+    if (self >= 0 && ns >= 0 && setns(ns, CLONE_NEWNET) == 0) {
+      opened = backend.Open(error);
+      if (setns(self, CLONE_NEWNET) != 0) std::abort();  // every later test would run in it
+    }
+    if (self >= 0) close(self);
+    if (ns >= 0) close(ns);
+    if (opened) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << error;
+  }
+
   std::string const m_ns = "rmhal-" + std::to_string(getpid());
   cProxyProcess m_proxy;
 };
 
-// What the kernel test cannot provoke: a late answer to an earlier request
-// ahead of ours is skipped.
-TEST(NetlinkCodec, StaleAnswersAreSkipped) {
+// What the kernel test cannot provoke: late answers to earlier requests are
+// skipped, a batch's numbers wrap past 2^32, a datagram is cut short.
+TEST(NetlinkCodec, StaleAnswersAreSkippedAndACutDatagramIsReported) {
   struct cAck {
     nlmsghdr h;
     nlmsgerr e;
-  } acks[2] = {{{sizeof(cAck), NLMSG_ERROR, NLM_F_CAPPED, 4, 0}, {-EEXIST, {}}},
-               {{sizeof(cAck), NLMSG_ERROR, NLM_F_CAPPED, 5, 0}, {-ESRCH, {}}}};
+  };
+  auto ack = [](std::uint32_t seq, int err) {
+    return cAck{{sizeof(cAck), NLMSG_ERROR, NLM_F_CAPPED, seq, 0}, {err, {}}};
+  };
+  cAck acks[] = {ack(4, -EEXIST), ack(5, -ESRCH)};
   auto res = nl::ParseReply(reinterpret_cast<std::uint8_t*>(acks), sizeof acks, 5, nullptr);
   EXPECT_EQ(nl::cNlResult::kDone, res.status);
   EXPECT_EQ(-ESRCH, res.error);
+
+  // A batch numbered 0xFFFFFFFE, 0xFFFFFFFF, 0, 1.
+  cAck batch[] = {ack(0xFFFFFFF0u, -EEXIST), ack(0xFFFFFFFFu, -ENETUNREACH), ack(1, 0),
+                  ack(2, -ESRCH)};
+  auto const* bytes = reinterpret_cast<std::uint8_t*>(batch);
+  std::vector<nl::cNlAck> got;
+  std::string malformed;
+  ASSERT_TRUE(nl::ParseAcks(bytes, sizeof batch, 0xFFFFFFFEu, 4, got, malformed)) << malformed;
+  ASSERT_EQ(2u, got.size());
+  EXPECT_EQ(0xFFFFFFFFu, got[0].seq);
+  EXPECT_EQ(-ENETUNREACH, got[0].error);
+  EXPECT_EQ(1u, got[1].seq);
+  EXPECT_EQ(0, got[1].error);
+  got.clear();
+  EXPECT_FALSE(nl::ParseAcks(bytes, sizeof batch - 4, 0xFFFFFFFEu, 4, got, malformed));
+  EXPECT_EQ("message length 36 does not fit", malformed);
+  EXPECT_EQ(2u, got.size());  // what came before it still counts
 }
 
 TEST_F(NetlinkKernel, RoutesAreMaskedReplacedAndRemoved) {
@@ -125,6 +166,61 @@ TEST_F(NetlinkKernel, RoutesAreMaskedReplacedAndRemoved) {
   EXPECT_EQ((Lines{"default via 198.51.100.1 dev veth1 metric 2",
                    "10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7"}),
             Table());
+}
+
+std::uint32_t Ip(char const* text) {
+  in_addr a{};
+  inet_pton(AF_INET, text, &a);
+  return ntohl(a.s_addr);
+}
+
+halproxy::cRoute Route(char const* net, std::uint8_t len, char const* gw, char const* dev = "",
+                       std::uint32_t metric = 0, char const* src = "0.0.0.0") {
+  halproxy::cRoute r;
+  r.dst = Ip(net);
+  r.prefixLen = len;
+  r.gateway = Ip(gw);
+  r.source = Ip(src);
+  r.ifname = dev;
+  r.metric = metric;
+  return r;
+}
+
+TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
+  halproxy::cNetlinkBackend backend;
+  ASSERT_TRUE(OpenInNamespace(backend));
+  // An unknown interface (never sent) and the kernel's refusal of a gateway
+  // on no link of ours, amid routes that go in.
+  std::vector<halproxy::cRoute> routes = {
+      Route("10.1.0.0", 16, kGw0, "veth0", 0, "192.0.2.2"), Route("10.2.0.0", 16, kGw1, "", 7),
+      Route("10.3.0.0", 16, kGw0, "eth9"), Route("10.4.0.0", 16, "203.0.113.1"),
+      Route("10.5.0.0", 16, kGw0, "veth0")};
+  std::vector<int> results;
+  std::vector<std::string> details;
+  backend.ConfigureRoutes(routes, results, details);
+  EXPECT_EQ((std::vector<int>{0, 0, -ENODEV, -ENETUNREACH, 0}), results);
+  ASSERT_EQ(5u, details.size());
+  EXPECT_EQ("no interface 'eth9'", details[2]);
+  EXPECT_NE("", details[3]);  // the kernel's own reason
+  EXPECT_EQ((std::vector<std::string>{"", "", details[2], details[3], ""}), details);
+  EXPECT_EQ((Lines{"10.1.0.0/16 via 192.0.2.1 dev veth0 src 192.0.2.2",
+                   "10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7",
+                   "10.5.0.0/16 via 192.0.2.1 dev veth0"}),
+            Table());
+
+  // Refusals enough for several chunks, all answered at once by the kernel
+  // before we read: none may be lost, and the route after them goes in.
+  routes.clear();
+  for (unsigned i = 0; i < 2500; ++i)
+    routes.push_back(Route(("10.100." + std::to_string(i % 250) + ".0").c_str(), 24,
+                           "203.0.113.1", "", i / 250));
+  routes.push_back(Route("10.6.0.0", 16, kGw1));
+  backend.ConfigureRoutes(routes, results, details);
+  ASSERT_EQ(routes.size(), results.size());
+  std::vector<int> expected(routes.size(), -ENETUNREACH);
+  expected.back() = 0;
+  EXPECT_EQ(expected, results);
+  EXPECT_EQ(4u, Table().size());
 }
 
 TEST_F(NetlinkKernel, UnavailableGatewayCanLeaveAnUnreachableRoute) {
