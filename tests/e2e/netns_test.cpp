@@ -40,13 +40,14 @@ struct cNetns {
   ~cNetns() { Shell("ip netns del " + router + "; ip netns del " + wan); }
   // Waits until some route of the router namespace begins with start (or,
   // with gone, none does).
-  ::testing::AssertionResult Wait(std::string const& start, bool gone = false) const {
+  ::testing::AssertionResult Wait(std::string const& start, bool gone = false,
+                                  int ms = 3000) const {
     std::string routes;
     auto holds = [&] {
       routes = "\n" + Shell("ip -n " + router + " route");
       return (routes.find("\n" + start) != std::string::npos) != gone;
     };
-    if (PollUntil(holds, 3000)) return ::testing::AssertionSuccess();
+    if (PollUntil(holds, ms)) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the kernel's routes:" << routes;
   }
 };
@@ -67,6 +68,11 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   EXPECT_EQ(r.out, "ok\nok\n") << r.err;
   EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1"));
   EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0"));
+  // Routes lost behind the daemon's back come back with the next refresh.
+  Shell("ip -n " + ns.router + " route del 172.16.0.0/12; ip -n " + ns.router +
+        " route del default");
+  EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0", false, 7000));
+  EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1"));
 
   auto held = stack.SpawnRoutectl(
       {"--hold", "-b",
