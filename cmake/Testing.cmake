@@ -7,7 +7,8 @@ function(rm_test_area name)
     return()
   endif()
   add_executable(${name}_tests ${srcs})
-  target_link_libraries(${name}_tests PRIVATE ${ARGN} GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name}_tests PRIVATE ${ARGN} rm_test_support GTest::gmock
+                        GTest::gtest_main)
   target_include_directories(${name}_tests PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   gtest_discover_tests(${name}_tests DISCOVERY_MODE PRE_TEST
                        PROPERTIES LABELS unit TIMEOUT 60)

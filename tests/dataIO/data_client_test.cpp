@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -16,11 +15,14 @@
 #include "kest/server.h"
 #include "kest/service.h"
 #include "kest/trace.h"
+#include "support/poll.h"
 
 namespace dataIO {
 namespace {
 
 using Lines = std::vector<std::string>;
+using testsupport::PumpUntil;
+using testsupport::Settle;  // lets whatever is in flight arrive (nothing is expected to)
 std::string const kDsl = "/Config/Network/WanSetups/dsl/Routing/";
 std::string const kLte = "/Config/Network/WanSetups/lte/Routing/";
 std::string const kStatus = "/Status/Network/";
@@ -90,14 +92,7 @@ class DataClientTest : public ::testing::Test, public kest::IServerHandler, publ
   }
 
   bool Logged(Lines const& log, std::string const& line) {
-    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-    auto done = [&] { return std::find(log.begin(), log.end(), line) != log.end(); };
-    while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(10);
-    return done();
-  }
-  // Lets whatever is in flight arrive (nothing is expected to).
-  void Settle() {
-    for (int i = 0; i < 20; ++i) kest::Loop().RunOnce(5);
+    return PumpUntil([&] { return std::find(log.begin(), log.end(), line) != log.end(); });
   }
 
   kest::cService service;

@@ -1,8 +1,5 @@
 // The real datamgr as a child process: a data client subscribed to it,
 // datactl run as users do, signals, and its listener's options.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,13 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
-#include <sstream>
-#include <thread>
-#include <utility>
 
 #include "dataIO/data_client.h"
 #include "datastore/records/db_network_status_collection.h"
@@ -25,71 +17,37 @@
 #include "kest/format.h"
 #include "kest/loop.h"
 #include "kest/service.h"
+#include "support/process.h"
 
 namespace datamgr {
 namespace {
 
 using Lines = std::vector<std::string>;
+using namespace testsupport;
 std::string const kStatus = "/Status/Network/";
 std::string const kDsl = "/Config/Network/WanSetups/dsl/Routing/";
 
-std::string ReadFile(std::string const& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
-// Calls step until done holds, for at most five seconds.
-bool Until(std::function<bool()> const& done, std::function<void()> const& step) {
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!done() && std::chrono::steady_clock::now() < deadline) step();
-  return done();
-}
-void Nap() { std::this_thread::sleep_for(std::chrono::milliseconds(10)); }
-
 // datamgr on a Unix socket in a private directory with a copy of the shipped
-// example, its stderr (and that of the tools run against it) in a log.
+// example, its output (and the stderr of the tools run against it) in a log.
 class cDatamgr {
  public:
-  cDatamgr() {
-    char tmpl[] = "/tmp/datamgr-test-XXXXXX";
-    m_dir = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
-    std::ofstream(Config()) << ReadFile(EXAMPLE_CONFIG);
-  }
-  ~cDatamgr() {
-    if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
-    std::system(("rm -rf " + m_dir).c_str());
-  }
-  std::string Path() const { return m_dir + "/data.sock"; }
+  cDatamgr() { std::ofstream(Config()) << ReadFile(EXAMPLE_CONFIG); }
+  std::string Path() const { return m_dir.File("data.sock"); }
   std::string Sap() const { return "unix:" + Path(); }
-  std::string Config() const { return m_dir + "/device.json"; }
-  std::string Log() const { return ReadFile(m_dir + "/log"); }
-  bool Logged(std::string const& text) const {
-    return Until([&] { return Log().find(text) != std::string::npos; }, Nap);
-  }
+  std::string Config() const { return m_dir.File("device.json"); }
+  std::string Log() const { return ReadFile(m_dir.File("log")); }
+  bool Logged(std::string const& text) const { return m_process.WaitForLog(text); }
   // True once it listens.
   bool Start(std::vector<std::string> args = {}) {
     args.insert(args.begin(), {DATAMGR_BIN, "--config", Config(), "--listen", Sap()});
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t log;
-    posix_spawn_file_actions_init(&log);
-    posix_spawn_file_actions_addopen(&log, 2, (m_dir + "/log").c_str(), O_WRONLY | O_CREAT, 0644);
-    bool const ok = posix_spawn(&m_pid, DATAMGR_BIN, &log, nullptr, argv.data(), environ) == 0;
-    posix_spawn_file_actions_destroy(&log);
-    return ok && Logged("listening on");
+    m_process.Start(args, m_dir.File("log"));
+    return Logged("listening on");
   }
-  void Signal(int sig) const { kill(m_pid, sig); }
-  int Stop() {
-    int status = 0;
-    Signal(SIGTERM);
-    waitpid(std::exchange(m_pid, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
+  void Signal(int sig) const { m_process.Signal(sig); }
+  int Stop() { return m_process.Stop(); }
   // A command run to its end: its exit status.
   int Run(std::string const& command) const {
-    int const status = std::system((command + " >/dev/null 2>>" + m_dir + "/log").c_str());
+    int const status = std::system((command + " >/dev/null 2>>" + m_dir.File("log")).c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
   int Datactl(std::string const& args) const {
@@ -97,14 +55,14 @@ class cDatamgr {
   }
 
  private:
-  std::string m_dir;
-  pid_t m_pid = -1;
+  cTempDir m_dir{"datamgr-test"};
+  cProcess m_process;
 };
 
 class DatamgrProcess : public ::testing::Test, public dataIO::IDataClient {
  protected:
   void SetUp() override {
-    if (std::getenv("ROUTEMGR_EMULATED") != nullptr) GTEST_SKIP() << "starts another program or a network namespace: not under user-mode emulation";
+    if (Emulated()) GTEST_SKIP() << "starts another program: not under user-mode emulation";
   }
   void OnConnect(kest::cServiceClient*) override {}
   void OnDisconnect(kest::cServiceClient*) override {}
@@ -115,8 +73,8 @@ class DatamgrProcess : public ::testing::Test, public dataIO::IDataClient {
   // The syncs from now until n have come, and a little longer for any that should not.
   Lines Syncs(std::size_t n = 1) {
     syncs.clear();
-    Until([&] { return syncs.size() >= n; }, [] { kest::Loop().RunOnce(10); });
-    for (int i = 0; i < 20; ++i) kest::Loop().RunOnce(5);
+    PumpUntil([&] { return syncs.size() >= n; });
+    Settle();
     return syncs;
   }
 
@@ -159,8 +117,7 @@ TEST_F(DatamgrProcess, ServesTheExampleFollowsDatactlReloadsOnSighupAndEndsOnSig
 }
 
 TEST(DatamgrAccess, ModeConnectionLimitAllowListsAndBadValues) {
-  if (std::getenv("ROUTEMGR_EMULATED") != nullptr)
-    GTEST_SKIP() << "peer credentials and socket modes: not under emulation";
+  if (Emulated()) GTEST_SKIP() << "peer credentials and socket modes: not under emulation";
   cDatamgr dm;
   ASSERT_TRUE(dm.Start({"--socket-mode", "0640", "--max-connections=1", "--send-limit", "65540"}))
       << dm.Log();
@@ -177,7 +134,7 @@ TEST(DatamgrAccess, ModeConnectionLimitAllowListsAndBadValues) {
   EXPECT_NE(dm.Datactl("list"), 0);
   EXPECT_TRUE(dm.Logged("1 connections open, the limit")) << dm.Log();
   close(holder);
-  EXPECT_TRUE(Until([&] { return dm.Datactl("list") == 0; }, Nap));  // once it has seen the close
+  EXPECT_TRUE(PollUntil([&] { return dm.Datactl("list") == 0; }));  // once it has seen the close
 
   std::string const otherUid = std::to_string(getuid() + 1);
   cDatamgr refusing, admitting;

@@ -5,23 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "e2e/stack.h"
 
 namespace e2e {
 namespace {
 
-// A shell command's output, stderr included.
-std::string Shell(std::string const& command) {
-  std::string out;
-  if (FILE* p = popen((command + " 2>&1").c_str(), "r")) {
-    char buf[512];
-    for (std::size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-    pclose(p);
-  }
-  return out;
-}
+using testsupport::Shell;
 
 // A router namespace and a WAN namespace, wired as the example
 // configuration expects; both removed (with their veths) on destruction.

@@ -1,30 +1,22 @@
 #include "e2e/stack.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
-#include <iterator>
-#include <thread>
 
 #include "routectl/hal_table.h"
 
 namespace e2e {
 namespace {
 
-// Under user-mode emulation of the target (cross builds) a test program
-// cannot start the other target programs: every test skips itself.
+// Every test skips itself under user-mode emulation.
 class cSkipWhenEmulated : public ::testing::Environment {
   void SetUp() override {
-    if (std::getenv("ROUTEMGR_EMULATED") != nullptr)
+    if (testsupport::Emulated())
       GTEST_SKIP() << "end-to-end tests start other programs: not under emulation";
   }
 };
@@ -33,70 +25,7 @@ class cSkipWhenEmulated : public ::testing::Environment {
 
 }  // namespace
 
-bool PollUntil(std::function<bool()> const& cond, int timeoutMs) {
-  auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!cond()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
-std::string ReadFile(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-cProcess::cProcess(std::vector<std::string> args, std::string log, std::vector<std::string> env)
-    : m_log(std::move(log)) {
-  // Everything the child needs is built before fork: after it, only
-  // async-signal-safe calls. The runner's own init system must not hear
-  // from our daemons, so its variables are not passed on.
-  std::vector<char*> argv, envp;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  for (char** e = environ; *e != nullptr; ++e)
-    if (std::strncmp(*e, "NOTIFY_SOCKET=", 14) != 0 && std::strncmp(*e, "WATCHDOG_", 9) != 0)
-      envp.push_back(*e);
-  for (auto& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  m_pid = fork();
-  if (m_pid == 0) {
-    setpgid(0, 0);  // a Ctrl-C at the terminal is for the test runner, not its children
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    signal(SIGPIPE, SIG_DFL);
-    int in = open("/dev/null", O_RDONLY);
-    int out = open(m_log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0) _exit(126);
-    execve(argv[0], argv.data(), envp.data());
-    _exit(127);
-  }
-}
-
-bool cProcess::Running() {
-  if (m_pid <= 0) return false;
-  int status = 0;
-  pid_t const r = waitpid(m_pid, &status, WNOHANG);
-  if (r == 0) return true;
-  m_status = r != m_pid ? -1000 : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  m_pid = -1;
-  return false;
-}
-
-int cProcess::Stop() {
-  Signal(SIGTERM);
-  if (!WaitExit()) {
-    Signal(SIGKILL);
-    WaitExit();
-  }
-  return m_status;
-}
-
 cStack::cStack(cOptions options) : m_options(std::move(options)) {
-  char tmpl[] = "/tmp/rm-e2e-XXXXXX";
-  dir = mkdtemp(tmpl) != nullptr ? tmpl : "/nonexistent";
   if (!m_options.halPrefix.empty()) halSap = "unix:" + dir + "/hal.sock";
 }
 
@@ -108,7 +37,6 @@ cStack::~cStack() {
   // The end of each log, enough to see what went wrong without drowning the report.
   for (auto const& path : ::testing::Test::HasFailure() ? m_logs : std::vector<std::string>{})
     std::system(("tail -v -n 40 '" + path + "' >&2").c_str());
-  std::system(("rm -rf '" + dir + "'").c_str());
 }
 
 // A fresh name in the stack's directory, numbered in order of use; the

@@ -4,54 +4,22 @@
 // on every path (SIGTERM, then SIGKILL); plus the command-line tools.
 #pragma once
 
-#include <signal.h>
-#include <sys/types.h>
-
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "support/process.h"
+
 namespace e2e {
 
-// Long enough for a loaded CI machine, short enough that a hang fails fast.
-constexpr int kStartTimeoutMs = 10000;
-constexpr int kStopTimeoutMs = 5000;
+using testsupport::cProcess;
+using testsupport::PollUntil;
+using testsupport::ReadFile;
+
 // The route the shipped example configures in setup "dsl" (own gateway).
 constexpr char kMgmtRoute[] = "192.168.50.0/24 via 192.168.1.254 metric 0";
-
-// Polls cond every 20 ms until it holds or timeoutMs has passed.
-bool PollUntil(std::function<bool()> const& cond, int timeoutMs = kStartTimeoutMs);
-std::string ReadFile(std::string const& path);
-
-class cProcess {
- public:
-  // Starts argv (argv[0] the program's path) with env's "NAME=value"
-  // entries added, stdout and stderr to log.
-  cProcess(std::vector<std::string> argv, std::string log, std::vector<std::string> env = {});
-  ~cProcess() { Stop(); }
-  int Stop();  // SIGTERM, then SIGKILL; the exit status as Status()
-  void Signal(int sig) const {
-    if (m_pid > 0) kill(m_pid, sig);
-  }
-  bool WaitExit(int timeoutMs = kStopTimeoutMs) {
-    return PollUntil([this] { return !Running(); }, timeoutMs);
-  }
-  bool Running();
-  // Exit code, -signal when a signal ended it, -1000 while it runs.
-  int Status() const { return m_status; }
-  std::string Log() const { return ReadFile(m_log); }
-  bool WaitForLog(std::string const& text) const {
-    return PollUntil([&] { return Log().find(text) != std::string::npos; });
-  }
-
- private:
-  std::string m_log;
-  pid_t m_pid = -1;
-  int m_status = -1000;
-};
 
 struct cToolRun {
   int status = -1000;  // the exit code; 137 when it was killed after 10 s
@@ -76,9 +44,11 @@ class cStack {
   bool StartDataMgr();
   bool StartRouteMgr(std::vector<std::string> env = {});
 
+  testsupport::cTempDir tmp{"rm-e2e"};  // logs and files, gone with the stack
   // Port 0 until the daemon has told which one the kernel chose (a restart
   // takes it again).
-  std::string dir, halSap = "127.0.0.1:0", dataSap = "127.0.0.1:0", routeSap = "127.0.0.1:0";
+  std::string dir = tmp.Path(), halSap = "127.0.0.1:0", dataSap = "127.0.0.1:0",
+              routeSap = "127.0.0.1:0";
 
   // The HAL proxy's table, one line a route; a failure gives one "error:" line.
   std::vector<std::string> HalTable() const;

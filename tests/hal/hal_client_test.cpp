@@ -8,13 +8,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
-
 #include "hal/hal_errors.h"
 #include "hal/hal_protocol.h"
 #include "kest/frame.h"
 #include "kest/service.h"
+#include "support/poll.h"
 
 namespace hal {
 namespace {
@@ -31,16 +29,12 @@ class cCountingService : public kest::cService {
 
 class cNoCallbacks : public IHalClient {};
 
-bool PumpUntil(std::function<bool()> done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-  while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(10);
-  return done();
-}
+using testsupport::PumpUntil;
 
 TEST(HalClient, FailureCodesAndOnConnectAtEveryConnection) {
   kest::ResetLoop();
-  std::string const path = "/tmp/halclient-test-" + std::to_string(getpid()) + ".sock";
-  unlink(path.c_str());  // left over by a killed run
+  testsupport::cTempDir dir("halclient-test");
+  std::string const path = dir.File("hal.sock");
   sockaddr_un sa{AF_UNIX, {}};
   path.copy(sa.sun_path, sizeof sa.sun_path - 1);
   int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -76,7 +70,6 @@ TEST(HalClient, FailureCodesAndOnConnectAtEveryConnection) {
   client.Stop();
   kest::ResetLoop();
   close(listener);
-  unlink(path.c_str());
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstdio>
+#include <sstream>
 
 #include "netlink_backend.h"
 #include "netlink_codec.h"
@@ -29,7 +30,7 @@ class NetlinkKernel : public ::testing::Test {
  protected:
   void SetUp() override {
     kest::ResetLoop();
-    if (std::getenv("ROUTEMGR_EMULATED") != nullptr) GTEST_SKIP() << "starts another program or a network namespace: not under user-mode emulation";
+    if (testsupport::Emulated()) GTEST_SKIP() << "starts halproxy: not under emulation";
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
     if (Sh("ip netns add " + m_ns) != 0) GTEST_SKIP() << "cannot create a network namespace";
     for (std::string cmd :
@@ -60,10 +61,10 @@ class NetlinkKernel : public ::testing::Test {
   // The routes of a protocol (ours unless given) as `ip route` shows them.
   Lines Table(std::string const& proto = std::to_string(nl::kRouteProtocol)) {
     Lines lines;
-    FILE* p = popen(("ip -n " + m_ns + " -4 route show table main proto " + proto).c_str(), "r");
-    for (char buf[512]; p != nullptr && std::fgets(buf, sizeof buf, p) != nullptr;)
-      lines.push_back(std::string(buf).substr(0, std::string(buf).find_last_not_of(" \n") + 1));
-    if (p != nullptr) pclose(p);
+    std::istringstream out(
+        testsupport::Shell("ip -n " + m_ns + " -4 route show table main proto " + proto));
+    for (std::string l; std::getline(out, l);)
+      lines.push_back(l.substr(0, l.find_last_not_of(' ') + 1));
     return lines;
   }
 

@@ -21,7 +21,7 @@ namespace {
 class HalproxyProcess : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::getenv("ROUTEMGR_EMULATED") != nullptr) GTEST_SKIP() << "starts another program or a network namespace: not under user-mode emulation";
+    if (testsupport::Emulated()) GTEST_SKIP() << "starts another program: not under emulation";
     kest::ResetLoop();
   }
   void TearDown() override { kest::ResetLoop(); }

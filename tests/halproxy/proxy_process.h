@@ -2,16 +2,10 @@
 // a HAL client for it; the destructor tears all down, also after a failure.
 #pragma once
 
-#include <fcntl.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
+#include <cstdlib>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,43 +13,28 @@
 
 #include "hal/hal_client.h"
 #include "kest/service.h"
+#include "support/process.h"
 
 namespace halproxy_test {
 
 using Lines = std::vector<std::string>;
-
-template <typename F>
-bool PumpUntil(F done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(10);
-  return done();
-}
+using testsupport::PumpUntil;
 
 class cProxyProcess {
  public:
-  cProxyProcess() : m_dir(mkdtemp(m_tmpl)) {}
-  ~cProxyProcess() {
-    Stop();
-    unlink(SocketPath().c_str());
-    unlink(LogPath().c_str());
-    rmdir(m_dir.c_str());
-  }
-  std::string SocketPath() const { return m_dir + "/hal.sock"; }
-  std::string LogPath() const { return m_dir + "/halproxy.log"; }
+  ~cProxyProcess() { Stop(); }
+  std::string SocketPath() const { return m_dir.File("hal.sock"); }
+  std::string LogPath() const { return m_dir.File("halproxy.log"); }
   std::string const& AccessPoint() const { return m_ap; }
-  std::string Log() const {
-    std::stringstream s;
-    s << std::ifstream(LogPath()).rdbuf();
-    return s.str();
-  }
+  std::string Log() const { return testsupport::ReadFile(LogPath()); }
+  // The loop turns meanwhile: the HAL client in this process may be what it waits for.
   bool Logged(std::string const& text) const {
-    return PumpUntil([&] { return Log().find(text) != std::string::npos; });
+    return PumpUntil([&] { return m_process.Logged(text); });
   }
 
   // prefix... halproxy --listen LISTEN (our socket unless given; TCP port 0: the
   // one it reports) args...; success once it listens, else its log.
   ::testing::AssertionResult Start(Lines const& args, Lines prefix = {}, std::string listen = "") {
-    unlink(LogPath().c_str());  // an earlier run's "listening on" must not count
     m_ap = listen.empty() ? "unix:" + SocketPath() : listen;
     prefix.insert(prefix.end(), {HALPROXY_PATH, "--listen", m_ap});
     prefix.insert(prefix.end(), args.begin(), args.end());
@@ -82,54 +61,30 @@ class cProxyProcess {
     EXPECT_EQ(0, m_client->ListRoutes(lines));
     return lines;
   }
-  // SIGTERM; the exit status (-1 if it had to be killed).
+  // SIGTERM (SIGKILL if it will not end); its exit status, -9 if it had to be killed.
   int Stop() {
     m_client.reset();
-    if (m_pid > 0) kill(m_pid, SIGTERM);
-    int status = Wait();
-    if (m_pid > 0) kill(m_pid, SIGKILL);
-    return Wait() == -1 ? status : -1;
+    return m_process.Stop();
   }
   // Gone without a word, as after a crash; the client stays.
-  void Kill() {
-    if (m_pid > 0) kill(m_pid, SIGKILL);
-    Wait();
-  }
+  void Kill() { m_process.Kill(); }
   // halproxy args... to its end, output to the log; its exit status.
   int Run(Lines args) {
     args.insert(args.begin(), HALPROXY_PATH);
     Spawn(args);
-    return Wait();
+    m_process.WaitExit();
+    return m_process.Stop();
   }
 
  private:
   void Spawn(Lines const& argv) {
-    std::vector<char*> args;
-    for (auto const& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    if ((m_pid = fork()) == 0) {
-      int fd = open(LogPath().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-      dup2(fd, 1);
-      dup2(fd, 2);
-      execvp(args[0], args.data());
-      _exit(127);
-    }
-  }
-  // Up to 3 s for the child to end: its exit status, -1 if none ended.
-  int Wait() {
-    int status = 0;
-    for (int i = 0; m_pid > 0 && i < 300; ++i, usleep(10000)) {
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-    }
-    return -1;
+    unlink(LogPath().c_str());  // an earlier run's lines must not count
+    m_process.Start(argv, LogPath());
   }
 
-  char m_tmpl[32] = "/tmp/halproxy-test-XXXXXX";
-  std::string m_dir, m_ap;
-  pid_t m_pid = -1;
+  testsupport::cTempDir m_dir{"halproxy-test"};
+  std::string m_ap;
+  testsupport::cProcess m_process;
   kest::cService m_service;
   std::unique_ptr<hal::cHalClient> m_client;
 };

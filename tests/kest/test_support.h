@@ -6,12 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
-
 #include "kest/frame.h"
 #include "kest/loop.h"
 #include "kest/trace.h"
+#include "support/poll.h"
 
 namespace kesttest {
 
@@ -57,15 +55,7 @@ inline std::size_t Traced(kest::cTraceCapture const& traces, std::string const& 
   return n;
 }
 
-// Runs this thread's loop until done() or three seconds have passed.
-inline bool PumpUntil(std::function<bool()> const& done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    kest::Loop().RunOnce(5);
-  }
-  return true;
-}
+using testsupport::PumpUntil;
 
 struct RawEnd {
   int fd;

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -23,11 +22,13 @@
 #include "kest/trace.h"
 #include "routeIO/route_client.h"
 #include "routeIO/route_protocol.h"
+#include "support/poll.h"
 
 namespace routeIO {
 namespace {
 
 using Lines = std::vector<std::string>;
+using testsupport::PumpUntil;
 constexpr unsigned kNobody = 65534;  // uid and gid of the other local user
 kest::s_socket_addr Ip(char const* dotted) { return kest::s_socket_addr(dotted, 0); }
 
@@ -148,11 +149,6 @@ class RouteServerTest : public ::testing::Test {
   bool Open() {
     m_server = std::make_unique<cRouteServer>(&m_service, &m_fake);
     return m_server->SetReady();
-  }
-  static bool PumpUntil(std::function<bool()> const& done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!done() && std::chrono::steady_clock::now() < deadline) kest::Loop().RunOnce(5);
-    return done();
   }
   // A route client blocks, the server needs the loop: the client's step runs
   // on its own thread while this one turns the loop.

@@ -2,37 +2,18 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 
 #include "diag/dump_signal.h"
 #include "service_fixture.h"
+#include "support/poll.h"
 
-namespace {
-std::string ReadFile(std::string const& path) {
-  std::ifstream in(path);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/routemgr-dump-XXXXXX";
-    path = mkdtemp(tmpl);
-  }
-  ~TempDir() {
-    unlink((path + "/routemgr.dmp").c_str());
-    rmdir(path.c_str());
-  }
-  std::string path;
-};
-}  // namespace
+using testsupport::cTempDir;
+using testsupport::ReadFile;
 
 TEST_F(ServiceTest, DumpOfAFreshService) {
-  TempDir dir;
-  WriteDump(svc.get(), SIG_REQ, dir.path);
-  EXPECT_EQ(ReadFile(dir.path + "/routemgr.dmp"),
+  cTempDir dir("routemgr-dump");
+  WriteDump(svc.get(), SIG_REQ, dir.Path());
+  EXPECT_EQ(ReadFile(dir.Path() + "/routemgr.dmp"),
             "--- ROUTEMGR LR-DUMP ---\n"
             "- Dumpsource: SIG_REQ\n"
             " - m_dataClient:           NOT CONNECTED (127.0.0.1:1)\n"
@@ -97,7 +78,7 @@ TEST_F(ServiceTest, DumpWithGatewaysRoutesAndConfiguredRoutes) {
 }
 
 TEST_F(ServiceTest, DumpSourcesAndFailures) {
-  TempDir dir;
+  cTempDir dir("routemgr-dump");
   struct Case {
     int source;
     char const* line;
@@ -105,13 +86,13 @@ TEST_F(ServiceTest, DumpSourcesAndFailures) {
                {2, "- Dumpsource: SRV_REQ\n"},
                {7, "- Dumpsource: UNKNOWN (7)\n"}};
   for (auto const& c : cases) {
-    WriteDump(svc.get(), c.source, dir.path + "/");  // a trailing slash is harmless
-    std::string text = ReadFile(dir.path + "/routemgr.dmp");
+    WriteDump(svc.get(), c.source, dir.Path() + "/");  // a trailing slash is harmless
+    std::string text = ReadFile(dir.Path() + "/routemgr.dmp");
     EXPECT_EQ(text.substr(0, 25 + std::string(c.line).size()),
               std::string("--- ROUTEMGR LR-DUMP ---\n") + c.line);
   }
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string("/nonexistent/dir")));
   EXPECT_EQ(access("/nonexistent/dir/routemgr.dmp", F_OK), -1);
-  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(dir.path)));
-  EXPECT_EQ(ReadFile(dir.path + "/routemgr.dmp").substr(25, 22), "- Dumpsource: SRV_REQ\n");
+  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(dir.Path())));
+  EXPECT_EQ(ReadFile(dir.Path() + "/routemgr.dmp").substr(25, 22), "- Dumpsource: SRV_REQ\n");
 }
