@@ -36,6 +36,7 @@ class cRouteClient {
   // in error (also kept as LastError()).
   bool Connect(std::string const& accessPoint, int timeoutMs, std::string& error);
   bool IsConnected() const { return m_fd >= 0; }
+  int Fd() const { return m_fd; }  // to watch the connection; -1 when closed
   // Closes the connection; answers still outstanding are dropped.
   void Close();
 

@@ -220,10 +220,18 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   for (auto& p : load) EXPECT_EQ(p->Status(), 0) << p->Log().substr(0, 400);
   EXPECT_GT(underLoad, 0) << "the load was over before the first dump";
 
-  // What routemgr installed stays when it ends.
+  // What routemgr installed stays when it ends; a client holding routes
+  // learns that they are gone.
+  held = stack.SpawnRoutectl(
+      {"--hold", "-b",
+       stack.Write("held", "route set b 10.21.0.9/255.255.0.0 via 192.168.1.1 metric 3\n")});
+  EXPECT_TRUE(stack.WaitTable({kHeld})) << held->Log();
   table = stack.HalTable();
   EXPECT_EQ(stack.route->Stop(), 0);
   EXPECT_EQ(stack.HalTable(), table);
+  EXPECT_TRUE(held->WaitExit());
+  EXPECT_EQ(held->Status(), 1);
+  EXPECT_NE(held->Log().find("the route manager closed the connection"), std::string::npos);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // routectl: the route manager's route client on the command line.
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -62,8 +64,9 @@ bool Connect(routeIO::cRouteClient& client, routectl::cOptions const& o) {
   return false;
 }
 
-// Keeps the connection, and so the routes, until SIGINT or SIGTERM.
-void Hold() {
+// Keeps the connection, and so the routes, until SIGINT or SIGTERM; false
+// when the route manager closes it first, since the routes went with it.
+bool Hold(int connection) {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGINT);
@@ -71,9 +74,24 @@ void Hold() {
   sigprocmask(SIG_BLOCK, &set, nullptr);
   std::fprintf(stderr,
                "routectl: holding the connection; routes stay until SIGINT/SIGTERM (Ctrl-C)\n");
-  int sig = 0;
+  int signals = signalfd(-1, &set, SFD_CLOEXEC);
+  // The route manager sends nothing unasked: the connection only wakes us
+  // when it ends.
+  pollfd p[2] = {{signals, POLLIN, 0}, {connection, POLLRDHUP, 0}};
+  while (signals >= 0) {
+    if (poll(p, 2, -1) < 0 && errno != EINTR) break;
+    if (p[0].revents != 0) return true;
+    if (p[1].revents != 0) {
+      std::fprintf(stderr,
+                   "routectl: the route manager closed the connection; the routes it held are "
+                   "gone\n");
+      return false;
+    }
+  }
+  int sig = 0;  // no signalfd: wait for the signal alone
   while (sigwait(&set, &sig) != 0) {
   }
+  return true;
 }
 
 int RunBatch(routectl::cSession& session, int fd, std::string const& name) {
@@ -168,7 +186,7 @@ int main(int argc, char** argv) {
     session.Drain();
   }
   std::fflush(stdout);
-  if (o.hold && status == 0 && !session.Stopped()) Hold();
+  if (o.hold && status == 0 && !session.Stopped() && !Hold(client.Fd())) status = kExitFailed;
   client.Close();
   return status != 0 ? status : session.ExitStatus();
 }

@@ -139,7 +139,8 @@ To keep routes, give all commands to one routectl:
   -b FILE       read commands from FILE (one a line, '#' starts a comment);
   -b -          read them from standard input;
   --hold        after the last command, keep the connection (and the routes)
-                until SIGINT or SIGTERM (Ctrl-C).
+                until SIGINT or SIGTERM (Ctrl-C); exit 1 if the route
+                manager closes it first (its routes are gone).
 Without --hold the routes go when the input ends.
 
 Options:
