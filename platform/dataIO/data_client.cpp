@@ -1,4 +1,5 @@
 #include "dataIO/data_client.h"
+#include "dataIO/data_protocol.h"
 
 #include <algorithm>
 
@@ -30,7 +31,7 @@ void dataDeinit() {
 
 cDataClient::cDataClient(kest::cService* service, IDataClient* callback, unsigned timeoutMs,
                          std::string accessPoint)
-    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint)), m_callback(callback) {}
+    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), proto::kService), m_callback(callback) {}
 
 cDataClient::~cDataClient() {
   m_alive.reset();

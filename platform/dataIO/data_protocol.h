@@ -7,10 +7,14 @@
 #include <string>
 #include <vector>
 
+#include "kest/hello.h"
 #include "kest/serialize.h"
 
 namespace dataIO {
 namespace proto {
+
+// What a client names in its hello, and the data manager answers with.
+constexpr kest::cServiceId kService{"dataMgr", "the data manager", 1};
 
 // Operation codes (the frame's op field). All of them travel as events.
 enum Op : std::uint16_t {

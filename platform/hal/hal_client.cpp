@@ -17,7 +17,7 @@ char const* const kLevelError = "002";
 
 cHalClient::cHalClient(kest::cService* service, IHalClient* callback, unsigned timeoutMs,
                        std::string accessPoint)
-    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint)), m_callback(callback) {}
+    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), kService), m_callback(callback) {}
 
 cHalClient::~cHalClient() = default;
 

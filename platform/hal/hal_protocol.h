@@ -7,9 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "kest/hello.h"
 #include "kest/serialize.h"
 
 namespace hal {
+
+// What a client names in its hello, and the proxy answers with.
+constexpr kest::cServiceId kService{"halProx", "the HAL proxy", 1};
 
 // Frame op codes. Numbers are part of the wire format: never reuse one.
 namespace halop {

@@ -67,8 +67,9 @@ bool Connect(cAccessPoint const& ap, int fd, Clock::time_point deadline, std::st
 
 }  // namespace
 
-bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
-              cSerializeBuffer const& body, cSerializeBuffer& reply, std::string& error) {
+bool CallOnce(std::string const& accessPoint, cServiceId const& wanted, int timeoutMs,
+              std::uint16_t op, cSerializeBuffer const& body, cSerializeBuffer& reply,
+              std::string& error) {
   Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   cAccessPoint ap;
   if (!cAccessPoint::Parse(accessPoint, ap, error)) return false;
@@ -80,12 +81,16 @@ bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
     return false;
   }
 
+  // The request follows the hello without waiting: a server that refuses
+  // the hello closes without executing anything after it.
+  cFrame const hello = HelloFrame(1, wanted);
   cFrame request;
   request.kind = cFrame::kRequest;
-  request.id = 1;
+  request.id = 2;
   request.op = op;
   request.body = body;
   std::vector<std::uint8_t> out;
+  EncodeFrame(hello, out);
   EncodeFrame(request, out);
   for (std::size_t sent = 0; sent < out.size();) {
     if (!WaitFor(fd.Get(), POLLOUT, deadline, why)) {
@@ -93,6 +98,7 @@ bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
       return false;
     }
     ssize_t const n = send(fd.Get(), out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && (errno == EPIPE || errno == ECONNRESET)) break;  // it may have said why
     if (n < 0 && errno != EAGAIN && errno != EINTR) {
       error = "cannot send to " + accessPoint + ": " + std::strerror(errno);
       return false;
@@ -101,6 +107,7 @@ bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
   }
 
   cFrameReader reader;
+  bool greeted = false;
   for (;;) {
     cFrame in;
     switch (reader.Next(in, why)) {
@@ -108,6 +115,20 @@ bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
         error = "bad reply from " + accessPoint + ": " + why;
         return false;
       case cFrameReader::kFrame:
+        if (!greeted) {
+          if (JudgeGreeting(in, hello.id, wanted, accessPoint, error) != eGreeting::kAccepted) {
+            return false;
+          }
+          greeted = true;
+          continue;
+        }
+        if (in.kind == cFrame::kEvent && in.op == kHelloOp) {
+          cGreeting notice;
+          if (DecodeRefusal(in.body, notice, why)) {
+            error = accessPoint + " closed the connection: " + notice.reason;
+            return false;
+          }
+        }
         if (in.kind != cFrame::kReply || in.id != request.id) continue;  // events come first
         reply = std::move(in.body);
         return true;
@@ -120,7 +141,7 @@ bool CallOnce(std::string const& accessPoint, int timeoutMs, std::uint16_t op,
     }
     std::uint8_t buf[16 * 1024];
     ssize_t const n = recv(fd.Get(), buf, sizeof buf, 0);
-    if (n == 0) {
+    if (n == 0 || (n < 0 && errno == ECONNRESET && reader.Buffered() == 0)) {
       error = accessPoint + " closed the connection without a reply";
       return false;
     }

@@ -87,6 +87,20 @@ std::string cChannel::DescribePeer(int fd, s_socket_addr& addr) {
   return "unknown peer";
 }
 
+bool cChannel::PeerCred(unsigned& uid, unsigned& gid) const {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  sockaddr_storage ss{};
+  socklen_t slen = sizeof ss;
+  if (m_fd < 0 || getsockname(m_fd, reinterpret_cast<sockaddr*>(&ss), &slen) != 0 ||
+      ss.ss_family != AF_UNIX || getsockopt(m_fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
+    return false;
+  }
+  uid = static_cast<unsigned>(cred.uid);
+  gid = static_cast<unsigned>(cred.gid);
+  return true;
+}
+
 void cChannel::OnEvents(std::uint32_t events) {
   if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
     ReadSome();

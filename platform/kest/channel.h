@@ -67,6 +67,11 @@ class cChannel {
   // Close for a fault of the peer (bad frame, send limit): traced with the peer.
   void Abort(std::string const& reason);
   bool IsOpen() const { return m_fd >= 0; }
+  // Unix sockets: the peer's uid and effective gid (SO_PEERCRED), for
+  // services that serve some operations to some users only. False for TCP.
+  bool PeerCred(unsigned& uid, unsigned& gid) const;
+  // Bytes of a frame that has begun to arrive and is not complete yet.
+  std::size_t Unfinished() const { return m_reader.Buffered(); }
   int Fd() const { return m_fd; }
   void SetSendLimit(std::size_t bytes) { m_sendLimit = bytes; }
   std::size_t Pending() const { return m_out.size() - m_outPos; }

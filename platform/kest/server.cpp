@@ -46,7 +46,58 @@ bool LookUpId(std::string const& item, bool groups, std::set<unsigned>& ids) {
   return p != nullptr;
 }
 
+// Unread input at close makes TCP reset the connection, and a reset can
+// overtake the refusal just written; what the peer sent is of no interest.
+void DrainInput(int fd) {
+  std::uint8_t buf[4096];
+  for (int i = 0; i < 16; ++i) {
+    ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+    if (n > 0 || (n < 0 && errno == EINTR)) continue;
+    return;
+  }
+}
+
 }  // namespace
+
+char const kLimitOptionsUsage[] =
+    "  --max-connections=N            connections served at once (default 64)\n"
+    "  --max-per-uid=N                Unix socket: connections one user may hold at once\n"
+    "                                 (default 16; root is not limited; 0: no limit)\n"
+    "  --frame-timeout=MS             a peer's time to say hello and to finish each frame\n"
+    "                                 it starts (default 10000)\n"
+    "  --send-limit=BYTES             answers queued for a client that does not read\n"
+    "                                 before it is disconnected (default 1048576)\n"
+    "  --socket-mode=OCTAL            Unix socket: the file's mode (default 0660)\n"
+    "  --socket-group=GROUP           Unix socket: the file's group (name or number)\n"
+    "  --allow-uid=USER[,USER...]     Unix socket: serve only these users (names or\n"
+    "  --allow-gid=GROUP[,GROUP...]   numbers) and these groups; repeatable\n";
+
+bool TakeLimitOption(std::string const& name, std::string const& value, cServerLimits& l,
+                     bool& ok, bool& unixOnly, std::string& why) {
+  ok = !value.empty();
+  why = "empty";
+  unixOnly = name != "--max-connections" && name != "--send-limit" && name != "--frame-timeout";
+  if (name == "--max-connections") {
+    ok = ok && ParseCount(value, 1, l.maxConnections, why);
+  } else if (name == "--max-per-uid") {
+    ok = ok && ParseCount(value, 0, l.maxPerUid, why);
+  } else if (name == "--frame-timeout") {
+    ok = ok && ParseCount(value, 1, l.frameTimeoutMs, why);
+  } else if (name == "--send-limit") {
+    ok = ok && ParseCount(value, kMinSendLimit, l.sendLimit, why);
+  } else if (name == "--socket-mode") {
+    ok = ok && ParseSocketMode(value, l.socketMode, why);
+  } else if (name == "--socket-group") {
+    if (ok) l.socketGroup = value;  // looked up when the socket is made
+  } else if (name == "--allow-uid") {
+    ok = ok && ParseIdList(value, false, l.allowUids, why);
+  } else if (name == "--allow-gid") {
+    ok = ok && ParseIdList(value, true, l.allowGids, why);
+  } else {
+    return false;
+  }
+  return true;
+}
 
 bool ParseSocketMode(std::string const& text, unsigned& mode, std::string& error) {
   unsigned v = 0;
@@ -107,8 +158,9 @@ bool ParseCount(std::string const& text, std::size_t min, std::size_t& out, std:
 
 // The service is part of the signature so a server always belongs to one; the
 // process has a single loop, so nothing else is taken from it.
-cServer::cServer(cService* /*service*/, IServerHandler* handler, std::string traceModule)
-    : m_handler(handler), m_module(std::move(traceModule)) {}
+cServer::cServer(cService* /*service*/, IServerHandler* handler, std::string traceModule,
+                 cServiceId const& self)
+    : m_handler(handler), m_module(std::move(traceModule)), m_self(self) {}
 
 cServer::~cServer() {
   m_handler = nullptr;
@@ -172,8 +224,12 @@ std::string cServer::Bounds() const {
     s = "loopback only";
   }
   if (!s.empty()) s += "; ";
-  return s + FormatString("at most %zu connections, send limit %zu bytes",
-                          m_limits.maxConnections, m_limits.sendLimit);
+  s += FormatString("at most %zu connections", m_limits.maxConnections);
+  if (m_ap.kind == cAccessPoint::kUnix && m_limits.maxPerUid != 0) {
+    s += FormatString(", %zu per user", m_limits.maxPerUid);
+  }
+  return s + FormatString(", send limit %zu bytes, %zu ms to finish a hello or frame",
+                          m_limits.sendLimit, m_limits.frameTimeoutMs);
 }
 
 int cServer::OpenListener(std::string& why) {
@@ -283,41 +339,86 @@ void cServer::Accept() {
     }
     s_socket_addr addr;
     std::string peer = cChannel::DescribePeer(fd, addr);
-    if (!Admit(fd, peer)) {
-      close(fd);
+    cConn conn;
+    std::string refusal = Admit(fd, conn.hasUid, conn.uid);
+    if (!refusal.empty()) {
+      RefuseFd(fd, peer, refusal);
       continue;
     }
-    std::unique_ptr<cChannel> channel(new cChannel(fd, addr, peer, this));
-    channel->SetSendLimit(m_limits.sendLimit);
-    cChannel* raw = channel.get();
-    m_channels[raw] = std::move(channel);
-    if (m_handler) m_handler->OnOpen(raw);
+    conn.channel.reset(new cChannel(fd, addr, peer, this));
+    conn.channel->SetSendLimit(m_limits.sendLimit);
+    cChannel* raw = conn.channel.get();
+    ArmStall(m_channels[raw] = std::move(conn), "its hello");
   }
 }
 
-bool cServer::Admit(int fd, std::string const& peer) {
+std::string cServer::Admit(int fd, bool& hasUid, unsigned& uid) {
   if (m_channels.size() >= m_limits.maxConnections) {
-    KEST_TRACE(m_module, kTransportError,
-               "refusing connection from %s on %s: %zu connections open, the limit", peer.c_str(),
-               Where().c_str(), m_channels.size());
-    return false;
+    return FormatString("%zu connections open, the limit", m_channels.size());
   }
-  if (m_ap.kind != cAccessPoint::kUnix ||
-      (m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
-    return true;
-  }
+  if (m_ap.kind != cAccessPoint::kUnix) return std::string();
   ucred cred{};
   socklen_t len = sizeof cred;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) {
-    KEST_TRACE(m_module, kTransportError, "refusing connection on %s: no peer credentials (%s)",
-               Where().c_str(), Errno(errno).c_str());
-    return false;
+    return "no peer credentials (" + Errno(errno) + ")";
   }
-  if (m_limits.allowUids.count(cred.uid) || m_limits.allowGids.count(cred.gid)) return true;
-  KEST_TRACE(m_module, kTransportError,
-             "refusing connection from %s on %s: uid %u gid %u not allowed", peer.c_str(),
-             Where().c_str(), static_cast<unsigned>(cred.uid), static_cast<unsigned>(cred.gid));
-  return false;
+  hasUid = true;
+  uid = static_cast<unsigned>(cred.uid);
+  bool const listed = m_limits.allowUids.count(cred.uid) || m_limits.allowGids.count(cred.gid);
+  if (!listed && !(m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
+    return FormatString("uid %u gid %u not allowed", uid, static_cast<unsigned>(cred.gid));
+  }
+  if (uid == 0 || m_limits.maxPerUid == 0) return std::string();
+  std::size_t held = 0;
+  for (auto const& c : m_channels) held += c.second.hasUid && c.second.uid == uid;
+  if (held >= m_limits.maxPerUid) {
+    return FormatString("uid %u holds %zu connections, the limit per user", uid, held);
+  }
+  return std::string();
+}
+
+void cServer::RefuseFd(int fd, std::string const& peer, std::string const& reason) {
+  KEST_TRACE(m_module, kTransportError, "refusing connection from %s on %s: %s", peer.c_str(),
+             Where().c_str(), reason.c_str());
+  std::vector<std::uint8_t> out;
+  EncodeFrame(RefusalFrame(m_self, reason), out);
+  // A fresh socket's send buffer is empty: the small frame leaves whole or
+  // not at all, and the peer learns why either way from the close.
+  ssize_t sent;
+  do {
+    sent = send(fd, out.data(), out.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  DrainInput(fd);
+  close(fd);
+}
+
+void cServer::Refuse(cChannel* channel, std::string const& reason) {
+  auto it = m_channels.find(channel);
+  if (it == m_channels.end() || !channel->IsOpen()) return;
+  KEST_TRACE(m_module, kTransportError, "%s connection from %s on %s: %s",
+             it->second.greeted ? "closing" : "refusing", channel->PeerText().c_str(),
+             Where().c_str(), reason.c_str());
+  channel->Append(RefusalFrame(m_self, reason), false);
+  DrainInput(channel->Fd());
+  channel->Close(reason);
+}
+
+void cServer::ArmStall(cConn& conn, char const* what) {
+  if (conn.stall) return;
+  cChannel* channel = conn.channel.get();
+  std::string const due = what;
+  conn.stall = Loop().AddTimer(m_limits.frameTimeoutMs, [this, channel, due] {
+    auto it = m_channels.find(channel);
+    if (it == m_channels.end()) return;
+    it->second.stall = 0;
+    Refuse(channel, FormatString("%s did not arrive within %zu ms", due.c_str(),
+                                 m_limits.frameTimeoutMs));
+  });
+}
+
+void cServer::DisarmStall(cConn& conn) {
+  if (conn.stall) Loop().CancelTimer(conn.stall);
+  conn.stall = 0;
 }
 
 void cServer::PauseAccepting() {
@@ -346,25 +447,62 @@ void cServer::Close() {
 void cServer::OnChannelClosed(cChannel* channel, std::string const&) {
   auto it = m_channels.find(channel);
   if (it == m_channels.end()) return;
+  DisarmStall(it->second);
   // The channel may be closing from inside its own callback: it is deleted
   // from the loop, after that callback has returned.
-  std::shared_ptr<cChannel> dying(std::move(it->second));
+  std::shared_ptr<cChannel> dying(std::move(it->second.channel));
+  bool const greeted = it->second.greeted;
   m_channels.erase(it);
-  if (m_handler) m_handler->OnClose(channel);
+  if (m_handler && greeted) m_handler->OnClose(channel);
   Loop().Post([dying] {});
 }
 
 void cServer::OnFrame(cChannel* channel, cFrame& frame) {
-  if (m_handler) m_handler->OnFrame(channel, frame);
+  auto it = m_channels.find(channel);
+  if (it == m_channels.end()) return;
+  cConn& conn = it->second;
+  conn.progress = true;
+  if (!conn.greeted) {
+    Greet(conn, frame);
+  } else if (frame.op == kHelloOp) {
+    // Operation 0 is the transport's in every service: asked again, the same answer.
+    if (frame.kind == cFrame::kRequest) channel->Send(AcceptFrame(frame.id, m_self));
+  } else if (m_handler) {
+    m_handler->OnFrame(channel, frame);
+  }
+}
+
+void cServer::Greet(cConn& conn, cFrame& frame) {
+  cChannel* channel = conn.channel.get();
+  std::string const refusal = JudgeHello(frame, m_self);
+  if (!refusal.empty()) {
+    Refuse(channel, refusal);
+    return;
+  }
+  DisarmStall(conn);
+  conn.greeted = true;
+  channel->Send(AcceptFrame(frame.id, m_self));
+  if (m_handler) m_handler->OnOpen(channel);
 }
 
 void cServer::OnFramesDone(cChannel* channel) {
-  if (m_handler) m_handler->OnFramesDone(channel);
+  auto it = m_channels.find(channel);
+  if (it == m_channels.end()) return;
+  cConn& conn = it->second;
+  if (conn.greeted) {
+    // The clock runs from the first byte of a frame that is still not whole;
+    // a peer that keeps completing frames is never cut off.
+    if (conn.progress) DisarmStall(conn);
+    if (channel->Unfinished() > 0) ArmStall(conn, "the rest of a frame");
+  }
+  conn.progress = false;
+  if (m_handler && conn.greeted) m_handler->OnFramesDone(channel);
 }
 
 bool cServer::Reply(cChannel* channel, std::uint32_t id, std::uint16_t op,
                     cSerializeBuffer const& body) {
-  if (m_channels.find(channel) == m_channels.end()) return false;
+  auto it = m_channels.find(channel);
+  if (it == m_channels.end() || !it->second.greeted) return false;
   cFrame frame;
   frame.kind = cFrame::kReply;
   frame.id = id;

@@ -44,13 +44,18 @@ std::string Errno(int err) { return FormatString("errno:%d/%s", err, std::strerr
 
 }  // namespace
 
-cServiceClient::cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint)
-    : m_service(service), m_timeoutMs(timeoutMs), m_accessPoint(std::move(accessPoint)) {}
+cServiceClient::cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint,
+                               cServiceId const& wanted)
+    : m_service(service),
+      m_timeoutMs(timeoutMs),
+      m_accessPoint(std::move(accessPoint)),
+      m_wanted(wanted) {}
 
 cServiceClient::~cServiceClient() {
   m_life.reset();
   m_started = false;
   if (m_retryTimer) Loop().CancelTimer(m_retryTimer);
+  if (m_helloTimer) Loop().CancelTimer(m_helloTimer);
   AbandonConnect();
   for (cServiceClientWatcher* w : m_watchers) w->Remove(this);
   if (m_channel) {
@@ -76,8 +81,15 @@ bool cServiceClient::Start() {
     return false;
   }
   m_started = true;
-  m_backoffMs = kBackoffFirstMs;
-  TryConnect();
+  std::int64_t const wait = m_nextTryMs - static_cast<std::int64_t>(Loop().NowMs());
+  if (wait <= 0) {
+    TryConnect();
+  } else if (!m_retryTimer) {
+    m_retryTimer = Loop().AddTimer(static_cast<std::uint64_t>(wait), [this] {
+      m_retryTimer = 0;
+      TryConnect();
+    });
+  }
   return true;
 }
 
@@ -89,7 +101,7 @@ void cServiceClient::Stop() {
   if (m_channel) m_channel->Close("stopped");
 }
 
-bool cServiceClient::IsConnected() const { return m_channel && m_channel->IsOpen(); }
+bool cServiceClient::IsConnected() const { return m_greeted && m_channel && m_channel->IsOpen(); }
 
 void cServiceClient::TryConnect() {
   if (!m_started || m_channel || m_connectingFd >= 0) return;
@@ -141,12 +153,37 @@ void cServiceClient::Connected(int fd) {
   s_socket_addr addr;
   std::string peer = cChannel::DescribePeer(fd, addr);
   m_channel.reset(new cChannel(fd, addr, peer, this));
-  m_backoffMs = kBackoffFirstMs;
+  m_greeted = false;
+  m_closeReason.clear();
+  cFrame hello = RequestFrame(kHelloOp, cSerializeBuffer());
+  hello = HelloFrame(hello.id, m_wanted);
+  m_helloId = hello.id;
+  m_channel->Send(hello);
+  m_helloTimer = Loop().AddTimer(m_timeoutMs, [this] {
+    m_helloTimer = 0;
+    m_closeReason = FormatString("no answer to the hello within %u ms", m_timeoutMs);
+    if (m_channel) m_channel->Close(m_closeReason);
+  });
+}
+
+void cServiceClient::Greeted(cFrame& frame) {
+  std::string why;
+  if (JudgeGreeting(frame, m_helloId, m_wanted, m_accessPoint, why) != eGreeting::kAccepted) {
+    m_closeReason = why;
+    m_channel->Close(why);
+    return;
+  }
+  if (m_helloTimer) Loop().CancelTimer(m_helloTimer);
+  m_helloTimer = 0;
+  m_greeted = true;
+  m_greetedMs = static_cast<std::int64_t>(Loop().NowMs());
   KEST_TRACE(kTransportModule, kTransportInfo, "connected to %s", m_accessPoint.c_str());
   RunLater([this] { OnConnected(); });
 }
 
 void cServiceClient::ConnectFailed(std::string const& reason) {
+  // One line per attempt, whatever failed, so a peer that keeps refusing
+  // costs a line per backoff step and no more.
   KEST_TRACE(kTransportModule, kTransportError, "cannot connect to %s (%s); retrying in %u ms",
              m_accessPoint.c_str(), reason.c_str(), m_backoffMs);
   ScheduleReconnect();
@@ -156,6 +193,7 @@ void cServiceClient::ScheduleReconnect() {
   if (!m_started || m_retryTimer) return;
   unsigned delay = m_backoffMs;
   m_backoffMs = std::min(m_backoffMs * 2, kBackoffMaxMs);
+  m_nextTryMs = static_cast<std::int64_t>(Loop().NowMs()) + delay;
   m_retryTimer = Loop().AddTimer(delay, [this] {
     m_retryTimer = 0;
     TryConnect();
@@ -166,15 +204,26 @@ void cServiceClient::OnChannelClosed(cChannel* channel, std::string const& reaso
   if (channel != m_channel.get()) return;
   std::shared_ptr<cChannel> dying(std::move(m_channel));
   Loop().Post([dying] {});
+  if (m_helloTimer) Loop().CancelTimer(m_helloTimer);
+  m_helloTimer = 0;
   if (!m_posted.empty()) {
     std::size_t lost = m_posted.size();
     m_posted.clear();
     OnPostedLost(lost);
   }
+  std::string const why = m_closeReason.empty() ? reason : m_closeReason;
+  m_closeReason.clear();
+  if (!m_greeted) {
+    // Never up: for the watchers and the service nothing happened.
+    if (m_started) ConnectFailed(why.empty() ? "closed before answering the hello" : why);
+    return;
+  }
+  m_greeted = false;
+  if (static_cast<std::int64_t>(Loop().NowMs()) - m_greetedMs >= kStableMs) m_backoffMs = kBackoffFirstMs;
   if (m_started) {
     KEST_TRACE(kTransportModule, kTransportError,
                "connection to %s lost (%s); reconnecting in %u ms", m_accessPoint.c_str(),
-               reason.c_str(), m_backoffMs);
+               why.c_str(), m_backoffMs);
   }
   RunLater([this] {
     // A watcher may forget this client while hearing of it.
@@ -186,6 +235,19 @@ void cServiceClient::OnChannelClosed(cChannel* channel, std::string const& reaso
 }
 
 void cServiceClient::OnFrame(cChannel* channel, cFrame& frame) {
+  if (!m_greeted) {
+    Greeted(frame);
+    return;
+  }
+  if (frame.op == kHelloOp) {
+    // The server's last word before it closes: kept for the trace of the close.
+    cGreeting notice;
+    std::string error;
+    if (frame.kind == cFrame::kEvent && DecodeRefusal(frame.body, notice, error)) {
+      m_closeReason = notice.reason;
+    }
+    return;
+  }
   if (frame.kind == cFrame::kReply) {
     if (m_inRequest && frame.id == m_waitId && !m_gotReply) {
       *m_reply = std::move(frame.body);

@@ -11,6 +11,7 @@
 
 #include "kest/access_point.h"
 #include "kest/channel.h"
+#include "kest/hello.h"
 #include "kest/loop.h"
 
 namespace kest {
@@ -31,17 +32,24 @@ char const* Name(int code);  // "not connected", ... ; nullptr for other codes
 
 class cServiceClient : private IChannelHandler {
  public:
-  // Reconnect backoff: 100 ms doubling to 5 s.
+  // Reconnect backoff: 100 ms doubling to 5 s. It starts again from 100 ms
+  // only after a connection has lasted kStableMs: a peer that accepts and
+  // closes at once (full, or not letting us in) must not be hammered.
   static constexpr unsigned kBackoffFirstMs = 100;
   static constexpr unsigned kBackoffMaxMs = 5000;
+  static constexpr unsigned kStableMs = 5000;
 
-  cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint);
+  // wanted: the service expected at accessPoint; the connection counts as
+  // up once that service has answered the hello.
+  cServiceClient(cService* service, unsigned timeoutMs, std::string accessPoint,
+                 cServiceId const& wanted);
   // Closes silently: no hook and no watcher hears of it.
   virtual ~cServiceClient();
   cServiceClient(const cServiceClient&) = delete;
   cServiceClient& operator=(const cServiceClient&) = delete;
 
-  // False (traced) for a malformed access point; connecting goes on in the loop.
+  // False (traced) for a malformed access point; connecting goes on in the
+  // loop, at once or, after a Stop, when the backoff in force allows.
   virtual bool Start();
   // Ends the connection (OnDisconnected follows from the loop) and the retries.
   virtual void Stop();
@@ -88,6 +96,7 @@ class cServiceClient : private IChannelHandler {
   void TryConnect();
   void OnConnectResult(std::uint32_t events);
   void Connected(int fd);
+  void Greeted(cFrame& frame);
   void ConnectFailed(std::string const& reason);
   void AbandonConnect();
   void ScheduleReconnect();
@@ -109,8 +118,15 @@ class cServiceClient : private IChannelHandler {
   bool m_started = false;
   int m_connectingFd = -1;
   std::unique_ptr<cChannel> m_channel;
+  cServiceId m_wanted;
   unsigned m_backoffMs = kBackoffFirstMs;
+  std::int64_t m_nextTryMs = 0;    // no connection attempt before this
+  std::int64_t m_greetedMs = 0;    // when the current connection was accepted
+  bool m_greeted = false;          // the current connection's hello was accepted
+  std::uint32_t m_helloId = 0;
+  std::string m_closeReason;       // what the server said before it closed
   cEventLoop::TimerId m_retryTimer = 0;
+  cEventLoop::TimerId m_helloTimer = 0;
   std::uint32_t m_nextId = 1;
   std::vector<cServiceClientWatcher*> m_watchers;
   // The request being waited for inside Request.

@@ -108,7 +108,19 @@ bool cRouteClient::Connect(std::string const& accessPoint, int timeoutMs, std::s
   }
   m_fd = fd;
   m_timeoutMs = timeoutMs;
+  m_accessPoint = accessPoint;
   m_lastError.clear();
+  m_greeted = false;
+  m_helloId = m_nextId++;
+  kest::EncodeFrame(kest::HelloFrame(m_helloId, kService), m_out);
+  std::int32_t rc = Pump(eWant::kGreeting);
+  if (rc != 0 || !m_greeted) {
+    if (rc == routeerr::kTimeout) m_lastError = accessPoint + ": no answer to the hello";
+    error = m_lastError;
+    Close();
+    m_lastError = error;
+    return false;
+  }
   return true;
 }
 
@@ -154,7 +166,7 @@ std::int32_t cRouteClient::Post(routeCommand const& cmd) {
   }
   kest::EncodeFrame(frame, m_out);
   m_pending.push_back(frame.id);
-  if (m_out.size() - m_outPos > kFlushThreshold) Pump(false);  // failures surface in Collect
+  if (m_out.size() - m_outPos > kFlushThreshold) Pump(eWant::kWritten);  // failures surface in Collect
   return 0;
 }
 
@@ -166,7 +178,7 @@ routeResult cRouteClient::Collect() {
       return Fail(routeerr::kConnectionLost,
                   m_lastError.empty() ? "connection lost" : m_lastError);
     }
-    std::int32_t rc = Pump(true);
+    std::int32_t rc = Pump(eWant::kAnswer);
     if (m_answers.empty()) {
       std::uint32_t id = m_pending.front();
       m_pending.pop_front();
@@ -217,11 +229,13 @@ routeResult cRouteClient::SetRoute(kest::s_socket_addr const& network,
 
 routeResult cRouteClient::DelRoute(std::string const& tag) { return Call(cDelRouteCmd{tag}); }
 
-std::int32_t cRouteClient::Pump(bool wantAnswer) {
+std::int32_t cRouteClient::Pump(eWant want) {
   Clock::time_point const deadline = Clock::now() + std::chrono::milliseconds(m_timeoutMs);
   for (;;) {
     bool const writing = m_outPos < m_out.size();
-    if (wantAnswer ? !m_answers.empty() : !writing) return 0;
+    if (want == eWant::kWritten && !writing) return 0;
+    if (want == eWant::kAnswer && !m_answers.empty()) return 0;
+    if (want == eWant::kGreeting && m_greeted) return 0;
     // Answers are read even while only writing: a server whose replies pile
     // up unread would stop reading our requests, and both sides would wait.
     pollfd p{m_fd, static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0};
@@ -263,7 +277,9 @@ std::int32_t cRouteClient::ReadAnswers() {
       m_reader.Feed(buf, static_cast<std::size_t>(r));
       continue;
     }
-    if (r == 0) {
+    if (r == 0 || errno == ECONNRESET) {
+      // A server that closes with our requests unread resets the
+      // connection; what it said before (a refusal, answers) still counts.
       eof = true;
     } else if (errno == EINTR) {
       continue;
@@ -284,6 +300,22 @@ std::int32_t cRouteClient::ReadAnswers() {
       Drop("bad frame from the route service: " + error);
       return routeerr::kProtocol;
     }
+    if (!m_greeted) {
+      if (kest::JudgeGreeting(frame, m_helloId, kService, m_accessPoint, error) !=
+          kest::eGreeting::kAccepted) {
+        Drop(error);
+        return routeerr::kConnectionLost;
+      }
+      m_greeted = true;
+      continue;
+    }
+    if (frame.kind == kest::cFrame::kEvent && frame.op == kest::kHelloOp) {
+      kest::cGreeting notice;
+      if (kest::DecodeRefusal(frame.body, notice, error)) {
+        Drop(m_accessPoint + " closed the connection: " + notice.reason);
+        return routeerr::kConnectionLost;
+      }
+    }
     if (frame.kind != kest::cFrame::kReply) {
       Drop("frame of kind " + std::to_string(frame.kind) + " from the route service");
       return routeerr::kProtocol;
@@ -296,7 +328,8 @@ std::int32_t cRouteClient::ReadAnswers() {
     m_answers.push_back(cAnswer{frame.id, result});
   }
   if (eof) {
-    Drop("connection closed by the route service");
+    Drop(m_greeted ? "connection closed by the route service"
+                   : m_accessPoint + " closed the connection before answering the hello");
     return routeerr::kConnectionLost;
   }
   return 0;

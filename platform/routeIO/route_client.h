@@ -32,8 +32,10 @@ class cRouteClient {
   cRouteClient& operator=(const cRouteClient&) = delete;
 
   // accessPoint: "a.b.c.d:port" or "unix:/path". timeoutMs bounds the
-  // connect and, afterwards, every wait for an answer. False with a reason
-  // in error (also kept as LastError()).
+  // connect with its hello and, afterwards, every wait for an answer. False
+  // with a reason in error (also kept as LastError()), the server's own
+  // when it refused the connection ("... is the HAL proxy, not the route
+  // manager").
   bool Connect(std::string const& accessPoint, int timeoutMs, std::string& error);
   bool IsConnected() const { return m_fd >= 0; }
   int Fd() const { return m_fd; }  // to watch the connection; -1 when closed
@@ -76,10 +78,14 @@ class cRouteClient {
   // Writes queued bytes and reads arriving answers until the queue is empty
   // (wantAnswer false) or an answer is buffered (wantAnswer true). Returns 0
   // or a routeerr code; on kConnectionLost/kProtocol the connection is closed.
-  std::int32_t Pump(bool wantAnswer);
+  enum class eWant { kWritten, kAnswer, kGreeting };
+  std::int32_t Pump(eWant want);
   std::int32_t ReadAnswers();
 
   int m_fd = -1;
+  std::string m_accessPoint;
+  std::uint32_t m_helloId = 0;
+  bool m_greeted = false;
   int m_timeoutMs = 0;
   std::uint32_t m_nextId = 1;
   std::vector<std::uint8_t> m_out;

@@ -7,11 +7,15 @@
 #include <string>
 #include <variant>
 
+#include "kest/hello.h"
 #include "kest/serialize.h"
 #include "kest/types.h"
 #include "routeIO/route_server.h"
 
 namespace routeIO {
+
+// What a route client names in its hello, and the route service answers with.
+constexpr kest::cServiceId kService{"routeMgr", "the route manager", 1};
 
 // Frame op codes. Numbers are part of the wire format: never reuse one.
 namespace routeop {

@@ -31,32 +31,34 @@ struct cCallbackCall {
   routeResult operator()(cDelRouteCmd const& c) const { return cb->DelRoute(client, c.tag); }
 };
 
-// The listener's limits from the properties; false with the first bad one named.
+// The listener's limits from the properties, each the twin of a server
+// option of the companion programs; false with the first bad one named.
 bool ReadLimits(kest::cServerLimits& l, std::string& error) {
-  char const* key = nullptr;
-  std::string text, why;
-  auto given = [&](char const* name) {
-    key = name;
-    text = kest::kestProperties().GetStringForKey(name, "");
-    return !text.empty();
-  };
   using S = cRouteServer;
-  bool ok = true;
-  if (given(S::kSocketModeProperty)) ok = kest::ParseSocketMode(text, l.socketMode, why);
-  if (ok && given(S::kSocketGroupProperty)) l.socketGroup = text;  // looked up at listen
-  if (ok && given(S::kAllowUidsProperty)) ok = kest::ParseIdList(text, false, l.allowUids, why);
-  if (ok && given(S::kAllowGidsProperty)) ok = kest::ParseIdList(text, true, l.allowGids, why);
-  if (ok && given(S::kMaxClientsProperty)) ok = kest::ParseCount(text, 1, l.maxConnections, why);
-  if (ok && given(S::kSendLimitProperty))
-    ok = kest::ParseCount(text, kest::kMinSendLimit, l.sendLimit, why);
-  if (!ok) error = std::string("property ") + key + ": " + why;
-  return ok;
+  static std::pair<char const*, char const*> const kProperties[] = {
+      {S::kSocketModeProperty, "--socket-mode"},   {S::kSocketGroupProperty, "--socket-group"},
+      {S::kAllowUidsProperty, "--allow-uid"},      {S::kAllowGidsProperty, "--allow-gid"},
+      {S::kMaxClientsProperty, "--max-connections"}, {S::kMaxPerUidProperty, "--max-per-uid"},
+      {S::kSendLimitProperty, "--send-limit"},     {S::kFrameTimeoutProperty, "--frame-timeout"},
+  };
+  for (auto const& [key, option] : kProperties) {
+    std::string const text = kest::kestProperties().GetStringForKey(key, "");
+    bool ok = true, unixOnly = false;
+    std::string why;
+    if (text.empty()) continue;
+    kest::TakeLimitOption(option, text, l, ok, unixOnly, why);
+    if (!ok) {
+      error = std::string("property ") + key + ": " + why;
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace
 
 cRouteServer::cRouteServer(kest::cService* service, IRouteServer* callback)
-    : m_callback(callback), m_server(service, this, kModule) {}
+    : m_callback(callback), m_server(service, this, kModule, kService) {}
 
 cRouteServer::~cRouteServer() {
   m_deliver = false;

@@ -52,6 +52,8 @@ class cRouteServer : private kest::IServerHandler {
   static constexpr char const* kAllowUidsProperty = "system.routeMgrAllowUids";  // "0,daemon"
   static constexpr char const* kAllowGidsProperty = "system.routeMgrAllowGids";  // "netdev,7"
   static constexpr char const* kMaxClientsProperty = "system.routeMgrMaxClients";
+  static constexpr char const* kMaxPerUidProperty = "system.routeMgrMaxPerUid";
+  static constexpr char const* kFrameTimeoutProperty = "system.routeMgrFrameTimeout";  // ms
   static constexpr char const* kSendLimitProperty = "system.routeMgrSendLimit";  // bytes
 
   // Listens on the property "system.routeMgrSap" (default "127.0.0.1:3712")

@@ -96,7 +96,7 @@ class DataClientTest : public ::testing::Test, public kest::IServerHandler, publ
   }
 
   kest::cService service;
-  kest::cServer server{&service, this, "fake"};
+  kest::cServer server{&service, this, "fake", proto::kService};
   kest::cChannel* channel = nullptr;
   std::map<std::string, std::uint32_t> tags;
   std::unique_ptr<cDataClient> client;

@@ -124,7 +124,8 @@ TEST(DatamgrAccess, ModeConnectionLimitAllowListsAndBadValues) {
   struct stat st {};
   EXPECT_EQ(stat(dm.Path().c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
   EXPECT_TRUE(dm.Logged("listening on " + dm.Sap() + " (mode 0640, any user the mode lets in; at "
-                        "most 1 connections, send limit 65540 bytes)"))
+                        "most 1 connections, 16 per user, send limit 65540 bytes, 10000 ms to "
+                        "finish a hello or frame)"))
       << dm.Log();
   int holder = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un un{AF_UNIX, {}};

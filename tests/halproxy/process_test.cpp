@@ -13,6 +13,7 @@
 #include "hal/hal_protocol.h"
 #include "kest/format.h"
 #include "kest/frame.h"
+#include "kest/hello.h"
 #include "proxy_process.h"
 
 namespace halproxy_test {
@@ -25,15 +26,39 @@ class HalproxyProcess : public ::testing::Test {
     kest::ResetLoop();
   }
   void TearDown() override { kest::ResetLoop(); }
-  // A plain connection whose reads give up after 3 s.
-  int Connect() {
+  // A plain connection whose reads give up after 3 s, past its hello unless told not to.
+  int Connect(bool greet = true) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un sa{AF_UNIX, {}};
     proxy.SocketPath().copy(sa.sun_path, sizeof sa.sun_path - 1);
     timeval tv{3, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa));
+    if (greet) {
+      std::vector<std::uint8_t> hello, accepted, got;
+      kest::EncodeFrame(kest::HelloFrame(1, hal::kService), hello);
+      kest::EncodeFrame(kest::AcceptFrame(1, hal::kService), accepted);
+      EXPECT_EQ(static_cast<ssize_t>(hello.size()), write(fd, hello.data(), hello.size()));
+      got.resize(accepted.size());
+      EXPECT_EQ(static_cast<ssize_t>(got.size()), recv(fd, got.data(), got.size(), MSG_WAITALL));
+      EXPECT_EQ(accepted, got);
+    }
     return fd;
+  }
+  // The refusal's reason of a connection the proxy refuses, read to its end.
+  std::string Refusal() {
+    int fd = Connect(false);
+    std::uint8_t buf[1024];
+    kest::cFrameReader reader;
+    ssize_t n;
+    while ((n = recv(fd, buf, sizeof buf, 0)) > 0) reader.Feed(buf, static_cast<std::size_t>(n));
+    close(fd);
+    kest::cFrame f;
+    kest::cGreeting g;
+    std::string error;
+    bool ok = n == 0 && reader.Next(f, error) == kest::cFrameReader::kFrame &&
+              kest::DecodeRefusal(f.body, g, error);
+    return ok ? g.reason : "no refusal and close: " + error;
   }
   cProxyProcess proxy;
 };
@@ -161,10 +186,7 @@ TEST_F(HalproxyProcess, SocketModeConnectionLimitAndAllowLists) {
       ASSERT_TRUE(proxy.Connect());
     }
     if (!c.refusal.empty()) {
-      int fd = Connect();
-      char byte;
-      EXPECT_EQ(0, recv(fd, &byte, 1, 0));  // hung up on without a word
-      close(fd);
+      EXPECT_EQ(c.refusal, Refusal());
       EXPECT_TRUE(proxy.Logged(kest::FormatString("refusing connection from uid=%u pid=%d on %s: ",
                                                   getuid(), getpid(), proxy.AccessPoint().c_str()) +
                                c.refusal))

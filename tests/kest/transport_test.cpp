@@ -3,8 +3,14 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 
+#include <grp.h>
+#include <sys/wait.h>
+
+#include "kest/hello.h"
 #include "kest/message.h"
 #include "kest/server.h"
 #include "kest/service_client.h"
@@ -16,7 +22,11 @@ using kesttest::PumpUntil;
 using kesttest::RawEnd;
 using kesttest::Traced;
 using kesttest::Wire;
+using Bytes = kesttest::Bytes;
 using Strings = std::vector<std::string>;
+
+constexpr kest::cServiceId kSelf{"test", "the test service", 1};
+constexpr kest::cServiceId kOther{"other", "the other service", 1};
 
 // A peer process stand-in on a plain socket; the server runs in this thread's loop.
 struct RawClient : RawEnd {
@@ -32,18 +42,45 @@ struct RawClient : RawEnd {
     fcntl(fd, F_SETFL, O_NONBLOCK);
   }
   std::string Me() const { return kesttest::LocalAp(fd); }
+  // The server's answer to a hello for the service wanted: "accepted", or
+  // the refusal's reason.
+  std::string Greet(kest::cServiceId const& wanted = kSelf) {
+    Bytes hello;
+    kest::EncodeFrame(kest::HelloFrame(100, wanted), hello);
+    Send(hello);
+    greeted = true;
+    if (!Receive(frame)) return "none";
+    kest::cGreeting g;
+    std::string error;
+    if (frame.kind == kest::cFrame::kReply && kest::DecodeAccept(frame.body, g, error)) {
+      return "accepted";
+    }
+    return kest::DecodeRefusal(frame.body, g, error) ? g.reason : "bad: " + error;
+  }
   std::string Echo(std::uint32_t id, std::string const& body) {
+    if (!greeted) {
+      EXPECT_EQ(Greet(), "accepted");
+    }
     Send(Wire(kest::cFrame::kRequest, id, 9, body));
     return Receive(frame) ? kesttest::Describe(frame) : "none";
   }
+  bool greeted = false;
   bool ClosedByServer() { return !Receive(frame) && eof; }
+  // The reason of the server's refusal, once the connection has closed after it.
+  std::string Refusal() {
+    kest::cGreeting g;
+    std::string error;
+    if (!Receive(frame) || !kest::DecodeRefusal(frame.body, g, error)) return "no refusal";
+    return ClosedByServer() ? g.reason : "still open";
+  }
   kest::cFrame frame;
 };
 
 class TestClient : public kest::cServiceClient {
  public:
-  explicit TestClient(std::string ap, kest::cServiceClientWatcher* w = nullptr)
-      : cServiceClient(nullptr, 100, std::move(ap)), watcher(w) {}
+  explicit TestClient(std::string ap, kest::cServiceClientWatcher* w = nullptr,
+                      kest::cServiceId const& wanted = kSelf)
+      : cServiceClient(nullptr, 100, std::move(ap), wanted), watcher(w) {}
   kest::cServiceClientWatcher* watcher;
   Strings log;
 
@@ -81,7 +118,7 @@ class TransportTest : public ::testing::Test,
     return kest::FormatString("127.0.0.1:%u", server.BoundPort());
   }
   bool Connections(std::size_t n) { return PumpUntil([&] { return server.Connections() == n; }); }
-  kest::cServer server{nullptr, this, "test"};
+  kest::cServer server{nullptr, this, "test", kSelf};
   Strings log;
   bool closeOnFrame = false;
   kest::cTraceCapture traces;
@@ -114,12 +151,14 @@ TEST_F(TransportTest, GarbageOrACutFrameClosesOnlyThatConnectionAndFreesItsPlace
   RawClient bad(ap), cut(ap), good(ap);
   ASSERT_TRUE(Connections(3));
   RawClient refused(ap);
+  EXPECT_EQ(refused.Greet(), "3 connections open, the limit");
   EXPECT_TRUE(refused.ClosedByServer());
   EXPECT_TRUE(Traced(traces, "refusing connection from " + refused.Me() + " on " + ap +
                                  ": 3 connections open, the limit"));
   EXPECT_EQ(bad.Echo(7, "hello"), "2 7 9 hello");
   bad.Send({0x07, 0x00, 0x00, 0x00, 0x09});
   EXPECT_TRUE(bad.ClosedByServer());
+  EXPECT_EQ(cut.Greet(), "accepted");
   cut.Send({0x20, 0x00, 0x00, 0x00, 0x01, 0x02});
   shutdown(cut.fd, SHUT_WR);
   EXPECT_TRUE(cut.ClosedByServer());
@@ -127,8 +166,9 @@ TEST_F(TransportTest, GarbageOrACutFrameClosesOnlyThatConnectionAndFreesItsPlace
   EXPECT_TRUE(Traced(traces, "closing connection " + bad.Me() + ": bad frame: unknown frame kind"));
   EXPECT_TRUE(Traced(traces, "closing connection " + cut.Me() +
                                  ": truncated frame: connection closed with 6 bytes"));
-  EXPECT_EQ(log, (Strings{"open " + bad.Me(), "open " + cut.Me(), "open " + good.Me(),
-                          "close " + bad.Me(), "close " + cut.Me()}));
+  // cut never said hello: the handler never heard of it.
+  EXPECT_EQ(log, (Strings{"open " + bad.Me(), "close " + bad.Me(), "open " + cut.Me(),
+                          "close " + cut.Me(), "open " + good.Me()}));
   EXPECT_EQ(RawClient(ap).Echo(2, "b"), "2 2 9 b");
 }
 
@@ -142,7 +182,7 @@ TEST_F(TransportTest, UnixSocketModeAndUidAllowList) {
   struct stat st {};
   ASSERT_EQ(stat(path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  EXPECT_TRUE(RawClient("unix:" + path).ClosedByServer());
+  EXPECT_EQ(RawClient("unix:" + path).Greet().find("not allowed") != std::string::npos, true);
   std::string const who = kest::FormatString("uid=%u pid=%d", getuid(), getpid());
   EXPECT_TRUE(Traced(traces, "refusing connection from " + who + " on unix:" + path + ": uid "));
   server.Close();
@@ -167,7 +207,7 @@ TEST_F(TransportTest, CloseFromInsideAFrameCallbackClosesEachChannelOnce) {
   EXPECT_TRUE(Traced(traces, "listening on 0.0.0.0:" + std::to_string(server.BoundPort())));
   EXPECT_TRUE(Traced(traces, "not a loopback address"));
   RawClient a(ap), b(ap);
-  ASSERT_TRUE(Connections(2));
+  EXPECT_EQ(a.Greet() + b.Greet(), "acceptedaccepted");
   closeOnFrame = true;
   // Both are ready in the same loop round; the second must not be served once closed.
   a.Send(Wire(kest::cFrame::kRequest, 1, 9, "bye"));
@@ -196,15 +236,20 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
     kest::cSerializeBuffer body, reply;
     EXPECT_EQ(client.Request(9, body, reply), kest::clienterr::kNotConnected);
     ASSERT_TRUE(client.Start());
-    EXPECT_EQ(client.Request(9, body, reply), kest::clienterr::kNotConnected);  // still connecting
+    RawEnd peer(accept4(listener.fd, nullptr, nullptr, SOCK_NONBLOCK));
+    kest::cFrame hello;
+    ASSERT_TRUE(peer.Receive(hello));
+    EXPECT_EQ(client.Request(9, body, reply), kest::clienterr::kNotConnected);  // no answer yet
+    Bytes accept;
+    kest::EncodeFrame(kest::AcceptFrame(hello.id, kSelf), accept);
+    peer.Send(accept);
     ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
     kest::Loop().RunUntilIdle();
     // What the peer does now reaches the client only while it waits inside Request.
-    RawEnd peer(accept4(listener.fd, nullptr, nullptr, SOCK_NONBLOCK));
     if (c.rc == 0) {
       peer.Send(Wire(kest::cFrame::kEvent, 0, 42, "meanwhile"));
       peer.Send(Wire(kest::cFrame::kReply, 77, 9, "stale"));
-      peer.Send(Wire(kest::cFrame::kReply, 1, 9, "pong"));  // a new client's first request is 1
+      peer.Send(Wire(kest::cFrame::kReply, 2, 9, "pong"));  // the hello was request 1
     }
     if (c.rc == kest::clienterr::kConnectionLost) shutdown(peer.fd, SHUT_RDWR);
     body.Write("ping", 4);
@@ -213,7 +258,7 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
     EXPECT_EQ(client.log, Strings{"connected"});  // nothing ran inside Request
     kest::cFrame req;  // what the peer got, unless it had hung up
     EXPECT_EQ(peer.Receive(req) ? kesttest::Describe(req) : "",
-              c.rc == kest::clienterr::kConnectionLost ? "" : "1 1 9 ping");
+              c.rc == kest::clienterr::kConnectionLost ? "" : "1 2 9 ping");
     kest::Loop().RunUntilIdle();
     EXPECT_EQ(client.log, c.logAfter);
     EXPECT_EQ(client.IsConnected(), c.rc == 0);
@@ -253,7 +298,8 @@ TEST_F(TransportTest, ReconnectsWithBackoffAndTheWatcherPostsWhenBothAreUp) {
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(sink.got, Strings{"ALL-UP"});
 
-  // After a success the backoff starts again from its first step.
+  // After a connection that lasted, the backoff starts again from its first step.
+  clock.Advance(kest::cServiceClient::kStableMs);
   server.Close();
   ASSERT_TRUE(PumpUntil([&] { return !a.IsConnected() && !b.IsConnected(); }));
   EXPECT_EQ(Traced(traces, ap + " lost (closed by peer); reconnecting in 100 ms"), 2u);
@@ -263,6 +309,159 @@ TEST_F(TransportTest, ReconnectsWithBackoffAndTheWatcherPostsWhenBothAreUp) {
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(a.log, (Strings{"connected", "disconnected", "connected"}));
   EXPECT_EQ(sink.got, (Strings{"ALL-UP", "ALL-UP"}));
+}
+
+TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
+  std::string const ap = Listen("127.0.0.1:0");
+  Bytes wrongVersion;
+  kest::EncodeFrame(kest::HelloFrame(1, kest::cServiceId{"test", "", 2}), wrongVersion);
+  struct Case {
+    Bytes first;
+    char const* reason;
+  } const cases[] = {
+      {Wire(kest::cFrame::kRequest, 1, 9, "do it"), "the first frame (kind 1, op 9) is not a hello"},
+      {Wire(kest::cFrame::kEvent, 0, 0, ""), "the first frame (kind 3, op 0) is not a hello"},
+      {Wire(kest::cFrame::kRequest, 1, 0, std::string(300, 'x')), "malformed hello: service: "},
+      {wrongVersion, "protocol version 2 is not supported (only 1)"},
+  };
+  for (auto const& c : cases) {
+    RawClient peer(ap);
+    peer.Send(c.first);
+    peer.Send(Wire(kest::cFrame::kRequest, 2, 9, "and this"));
+    kest::cGreeting g;
+    std::string error;
+    ASSERT_TRUE(peer.Receive(peer.frame));
+    ASSERT_TRUE(kest::DecodeRefusal(peer.frame.body, g, error)) << error;
+    EXPECT_EQ(g.service + " " + g.reason.substr(0, std::strlen(c.reason)),
+              std::string("test ") + c.reason);
+    EXPECT_TRUE(peer.ClosedByServer());
+    EXPECT_TRUE(Traced(traces, "refusing connection from " + peer.Me() + " on " + ap + ": " +
+                                   c.reason));
+  }
+  EXPECT_EQ(RawClient(ap).Greet(kOther), "this is test, not other");
+  EXPECT_EQ(log, Strings{});  // the handler heard of none of them
+}
+
+TEST_F(TransportTest, AClientRefusedByAnotherServiceBacksOffOneLineAnAttempt) {
+  kest::cManualClock clock;
+  kest::Loop().SetClock(&clock);
+  std::string const ap = Listen("127.0.0.1:0");
+  TestClient client(ap, nullptr, kOther);
+  ASSERT_TRUE(client.Start());
+  std::string const line = "cannot connect to " + ap + " (" + ap +
+                           " is the test service, not the other service); retrying in ";
+  for (unsigned delay : {100, 200, 400}) {
+    ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + std::to_string(delay)) == 1; }));
+    clock.Advance(delay);
+  }
+  // A restart of the client waits out the backoff in force.
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + "800") == 1; }));
+  client.Stop();
+  ASSERT_TRUE(client.Start());
+  kest::Loop().RunUntilIdle();
+  EXPECT_EQ(Traced(traces, "cannot connect to "), 4u);
+  clock.Advance(800);
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + "1600") == 1; }));
+  EXPECT_EQ(traces.Messages().size(), 1 + Traced(traces, "cannot connect to ") +
+                                          Traced(traces, "refusing connection from "));
+  EXPECT_EQ(client.log, Strings{});
+  EXPECT_EQ(log, Strings{});
+}
+
+TEST_F(TransportTest, APeerThatStallsInItsHelloOrInAFrameIsClosedIdleOnesStay) {
+  kest::cManualClock clock;
+  kest::Loop().SetClock(&clock);
+  kest::cServerLimits limits;
+  limits.frameTimeoutMs = 1000;
+  server.SetLimits(limits);
+  std::string const ap = Listen("127.0.0.1:0");
+  RawClient silent(ap), dripping(ap), idle(ap);
+  EXPECT_EQ(dripping.Greet() + idle.Greet(), "acceptedaccepted");
+  Bytes frame = Wire(kest::cFrame::kRequest, 5, 9, "slow");
+  dripping.Send(Bytes(frame.begin(), frame.begin() + 6));
+  ASSERT_TRUE(Connections(3));
+  kest::Loop().RunUntilIdle();
+  clock.Advance(999);
+  kest::Loop().RunUntilIdle();
+  EXPECT_EQ(server.Connections(), 3u);
+  clock.Advance(1);
+  EXPECT_EQ(silent.Refusal(), "its hello did not arrive within 1000 ms");
+  EXPECT_TRUE(Traced(traces, "refusing connection from " + silent.Me() + " on " + ap +
+                                 ": its hello did not arrive within 1000 ms"));
+  EXPECT_EQ(dripping.Refusal(), "the rest of a frame did not arrive within 1000 ms");
+  EXPECT_TRUE(Traced(traces, "closing connection from " + dripping.Me() + " on " + ap +
+                                 ": the rest of a frame did not arrive within 1000 ms"));
+  clock.Advance(60000);
+  EXPECT_EQ(idle.Echo(6, "still"), "2 6 9 still");
+}
+
+TEST_F(TransportTest, OneUserCannotTakeEverySlot) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
+  std::string const path = kest::FormatString("/tmp/kest-peruid-test-%d.sock", getpid());
+  kest::cServerLimits limits;
+  limits.socketMode = 0666;
+  limits.maxConnections = 4;
+  limits.maxPerUid = 2;
+  server.SetLimits(limits);
+  Listen("unix:" + path);
+  int result[2], hold[2];
+  ASSERT_EQ(pipe(result), 0);
+  ASSERT_EQ(pipe(hold), 0);
+  pid_t child = fork();
+  if (child == 0) {  // nobody, holding as many connections as it can
+    close(result[0]);
+    close(hold[1]);
+    if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+        setresuid(65534, 65534, 65534) != 0) {
+      _exit(1);
+    }
+    // Plain blocking sockets: the loop copied by fork is the parent's.
+    std::string answers;
+    for (int i = 0; i < 3; ++i) {
+      int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+      kest::cAccessPoint ap{kest::cAccessPoint::kUnix, 0, 0, path};
+      sockaddr_storage sa{};
+      unsigned len = ap.ToSockaddr(sa);
+      Bytes hello;
+      kest::EncodeFrame(kest::HelloFrame(1, kSelf), hello);
+      std::uint8_t buf[512];
+      // A refused peer may find the connection closed before its hello leaves.
+      ssize_t n = -1;
+      if (connect(fd, reinterpret_cast<sockaddr*>(&sa), len) == 0) {
+        (void)!send(fd, hello.data(), hello.size(), MSG_NOSIGNAL);
+        n = read(fd, buf, sizeof buf);
+      }
+      kest::cFrameReader reader;
+      kest::cFrame f;
+      kest::cGreeting g;
+      std::string error;
+      if (n > 0) reader.Feed(buf, std::size_t(n));
+      bool const got = reader.Next(f, error) == kest::cFrameReader::kFrame;
+      answers += !got                                ? "none;"
+                 : f.kind == kest::cFrame::kReply    ? "accepted;"
+                 : kest::DecodeRefusal(f.body, g, error) ? g.reason + ";"
+                                                       : "bad;";
+    }
+    (void)!write(result[1], answers.data(), answers.size());
+    char c;
+    (void)!read(hold[0], &c, 1);
+    _exit(0);
+  }
+  close(result[1]);
+  close(hold[0]);
+  fcntl(result[0], F_SETFL, O_NONBLOCK);
+  std::string answers;
+  ASSERT_TRUE(PumpUntil([&] {
+    char buf[512];
+    ssize_t n = read(result[0], buf, sizeof buf);
+    if (n > 0) answers.append(buf, std::size_t(n));
+    return std::count(answers.begin(), answers.end(), ';') == 3;
+  })) << answers;
+  EXPECT_EQ(answers, "accepted;accepted;uid 65534 holds 2 connections, the limit per user;");
+  EXPECT_EQ(RawClient("unix:" + path).Greet(), "accepted");  // root, while nobody holds its two
+  close(hold[1]);
+  close(result[0]);
+  waitpid(child, nullptr, 0);
 }
 
 }  // namespace

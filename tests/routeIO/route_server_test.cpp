@@ -93,6 +93,8 @@ class cRawClient {
     path.copy(un.sun_path, sizeof un.sun_path - 1);
     // A Unix connect completes in the kernel, before the server accepts.
     EXPECT_EQ(connect(m_fd, reinterpret_cast<sockaddr*>(&un), sizeof un), 0);
+    kest::EncodeFrame(kest::HelloFrame(++m_id, kService), m_out);
+    Send(0);
   }
   ~cRawClient() { close(m_fd); }
   // Queues count DelGateway requests, then bytes, and writes what the socket takes.
@@ -115,7 +117,7 @@ class cRawClient {
     eof = eof || n == 0;
     kest::cFrame f;
     std::string error;
-    while (m_reader.Next(f, error) == kest::cFrameReader::kFrame) ++answers;
+    while (m_reader.Next(f, error) == kest::cFrameReader::kFrame) answers += f.op != kest::kHelloOp;
     return answers >= count;
   }
   bool HungUp() { return !Answered(1) && eof; }

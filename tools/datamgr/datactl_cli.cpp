@@ -7,6 +7,7 @@
 #include "config_json.h"
 #include "device_config.h"
 #include "kest/access_point.h"
+#include "dataIO/data_protocol.h"
 #include "kest/call_once.h"
 #include "kest/format.h"
 
@@ -128,7 +129,7 @@ bool SendControl(std::string const& server, ctl::cRequest const& req, ctl::cRepl
                  std::string& error, int timeoutMs) {
   kest::cSerializeBuffer body, answer;
   ctl::Encode(req, body);
-  if (!kest::CallOnce(server, timeoutMs, req.op, body, answer, error)) return false;
+  if (!kest::CallOnce(server, dataIO::proto::kService, timeoutMs, req.op, body, answer, error)) return false;
   std::string why;
   if (!ctl::Decode(answer, reply, why)) {
     error = "bad reply from " + server + ": " + why;

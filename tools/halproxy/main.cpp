@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "hal/hal_protocol.h"
 #include "kest/loop.h"
 #include "kest/server.h"
 #include "kest/service.h"
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
 
   kest::cService service;
   cHalProxy proxy(*backend, opt.unavailable);
-  kest::cServer server(&service, &proxy, kModule);
+  kest::cServer server(&service, &proxy, kModule, hal::kService);
   server.SetLimits(opt.limits);
   if (!server.Listen(opt.listen, error)) {
     HALPROXY_LOG(kLevelError, "cannot listen on %s: %s", opt.listen.c_str(), error.c_str());

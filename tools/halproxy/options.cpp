@@ -16,7 +16,7 @@ char const* MaxLevelFor(std::string const& name) {
 }
 
 std::string Usage() {
-  return "Usage: halproxy [options]\n"
+  return std::string("Usage: halproxy [options]\n"
          "Installs and removes IPv4 routes on behalf of the route manager.\n"
          "\n"
          "  --listen ADDR:PORT|unix:/path  where to accept requests (default 127.0.0.1:3710)\n"
@@ -26,13 +26,8 @@ std::string Usage() {
          "                                 nothing (default) or an unreachable route\n"
          "  --interfaces=NAME[,NAME...]    memory backend: the interfaces that exist\n"
          "                                 (default: any valid name)\n"
-         "  --max-connections=N            connections served at once (default 64)\n"
-         "  --send-limit=BYTES             answers queued for a client that does not read\n"
-         "                                 before it is disconnected (default 1048576)\n"
-         "  --socket-mode=OCTAL            Unix socket: the file's mode (default 0660)\n"
-         "  --socket-group=GROUP           Unix socket: the file's group (name or number)\n"
-         "  --allow-uid=USER[,USER...]     Unix socket: serve only these users (names or\n"
-         "  --allow-gid=GROUP[,GROUP...]   numbers) and these groups; repeatable\n"
+         ) +
+         kest::kLimitOptionsUsage +
          "  --log-level=error|warning|info|debug  (default info; debug logs every request)\n"
          "  --syslog                       log to syslog instead of standard error\n"
          "  --help, --version\n";
@@ -86,50 +81,20 @@ bool SplitInterfaces(std::string const& list, std::set<std::string>& out, std::s
 // unixOnly is set by those that only a Unix socket has.
 bool TakeLimit(int argc, char const* const* argv, int& i, kest::cServerLimits& limits,
                bool& matched, bool& unixOnly, std::string& error) {
-  using Limits = kest::cServerLimits;
-  struct cLimitOption {
-    char const* name;
-    bool unixOnly;
-    bool (*parse)(std::string const& value, Limits& limits, std::string& why);
-  };
-  static cLimitOption const kOptions[] = {
-      {"--max-connections", false,
-       [](std::string const& v, Limits& l, std::string& why) {
-         return kest::ParseCount(v, 1, l.maxConnections, why);
-       }},
-      {"--send-limit", false,
-       [](std::string const& v, Limits& l, std::string& why) {
-         return kest::ParseCount(v, kest::kMinSendLimit, l.sendLimit, why);
-       }},
-      {"--socket-mode", true,
-       [](std::string const& v, Limits& l, std::string& why) {
-         return kest::ParseSocketMode(v, l.socketMode, why);
-       }},
-      {"--socket-group", true,
-       [](std::string const& v, Limits& l, std::string&) {
-         l.socketGroup = v;  // looked up when the socket is made
-         return true;
-       }},
-      {"--allow-uid", true,
-       [](std::string const& v, Limits& l, std::string& why) {
-         return kest::ParseIdList(v, false, l.allowUids, why);
-       }},
-      {"--allow-gid", true,
-       [](std::string const& v, Limits& l, std::string& why) {
-         return kest::ParseIdList(v, true, l.allowGids, why);
-       }},
-  };
-  for (auto const& o : kOptions) {
-    std::string value, why = "empty";
-    if (!TakeValue(argc, argv, i, o.name, value, matched, error)) return false;
-    if (!matched) continue;
-    if (value.empty() || !o.parse(value, limits, why)) {
-      error = "bad value '" + value + "' for " + o.name + ": " + why;
-      return false;
-    }
-    unixOnly = unixOnly || o.unixOnly;
-    return true;
+  std::string const arg = argv[i];
+  std::string const name = arg.substr(0, arg.find('='));
+  kest::cServerLimits scratch;
+  std::string value, why;
+  bool ok = true, needsUnix = false;
+  matched = false;
+  if (!kest::TakeLimitOption(name, "1", scratch, ok, needsUnix, why)) return true;
+  if (!TakeValue(argc, argv, i, name.c_str(), value, matched, error)) return false;
+  kest::TakeLimitOption(name, value, limits, ok, needsUnix, why);
+  if (!ok) {
+    error = "bad value '" + value + "' for " + name + ": " + why;
+    return false;
   }
+  unixOnly = unixOnly || needsUnix;
   return true;
 }
 
@@ -209,7 +174,8 @@ bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string&
     return false;
   }
   if (unixOnly && opt.listen.compare(0, 5, "unix:") != 0) {
-    error = "--socket-mode, --socket-group, --allow-uid and --allow-gid need --listen unix:/path";
+    error = "--socket-mode, --socket-group, --allow-uid, --allow-gid and --max-per-uid need "
+            "--listen unix:/path";
     return false;
   }
   if (!opt.interfaces.empty() && opt.backend != cOptions::eBackend::kMemory) {

@@ -13,7 +13,7 @@ bool FetchHalTable(std::string const& accessPoint, int timeoutMs, std::vector<st
   req.op = hal::halop::kListRoutes;
   kest::cSerializeBuffer body, reply;
   hal::EncodeRequest(req, body);
-  if (!kest::CallOnce(accessPoint, timeoutMs, req.op, body, reply, error)) return false;
+  if (!kest::CallOnce(accessPoint, hal::kService, timeoutMs, req.op, body, reply, error)) return false;
   int result = 0;
   if (!hal::DecodeRouteList(reply, result, lines, error)) return false;
   if (result != 0) {
