@@ -24,6 +24,7 @@ enum Op : std::uint16_t {
 constexpr std::int32_t kOk = 0;
 constexpr std::int32_t kRefused = 1;     // well-formed, but not possible (unknown route, ...)
 constexpr std::int32_t kBadRequest = 2;  // body does not decode or unknown op
+constexpr std::int32_t kNotPermitted = 3;  // the peer may not change the store
 
 // The reply text is for people; a longer one is cut so the reply fits a frame.
 constexpr std::size_t kMaxReplyText = 60 * 1024;

@@ -8,31 +8,32 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <set>
+#include <string>
 
 #include "config_json.h"
 #include "datactl_cli.h"
 #include "kest/loop.h"
+#include "kest/server.h"
 #include "kest/service.h"
 #include "kest/trace.h"
 #include "manager.h"
 
 namespace {
 
-char const* const kUsage =
-    "Usage: datamgr [OPTIONS]\n"
-    "Serves the device's data store to data clients and datactl.\n"
-    "  --listen ADDR   where to listen (default 127.0.0.1:3711; a.b.c.d:port or unix:/path)\n"
-    "  --config FILE   device configuration (JSON); SIGHUP reloads it\n"
-    "  --max-connections N   connections served at once (default 64)\n"
-    "  --send-limit BYTES    data queued for a client that does not read before it\n"
-    "                        is disconnected (default 1048576)\n"
-    "  --socket-mode OCTAL   Unix socket: the file's mode (default 0660)\n"
-    "  --socket-group GROUP  Unix socket: the file's group (name or number)\n"
-    "  --allow-uid USERS     Unix socket: serve only these users and groups (names\n"
-    "  --allow-gid GROUPS    or numbers, comma-separated; repeatable)\n"
-    "  --syslog        log to syslog instead of stderr\n"
-    "  --help          this text\n"
-    "  --version       the version\n";
+std::string Usage() {
+  return std::string(
+             "Usage: datamgr [OPTIONS]\n"
+             "Serves the device's data store to data clients and datactl.\n"
+             "  --listen ADDR:PORT|unix:/path  where to listen (default 127.0.0.1:3711)\n"
+             "  --config FILE                  device configuration (JSON); SIGHUP reloads it\n"
+             "  --admin-gid=GROUP[,GROUP...]   Unix socket: besides root, the groups whose\n"
+             "                                 members may change the store and ask for\n"
+             "                                 dumps (default: root only); repeatable\n") +
+         kest::kLimitOptionsUsage +
+         "  --syslog                       log to syslog instead of stderr\n"
+         "  --help, --version\n";
+}
 
 int g_hupPipe[2] = {-1, -1};
 
@@ -49,34 +50,9 @@ struct cOptions {
   std::string config;
   bool syslog = false;
   kest::cServerLimits limits;
+  std::set<unsigned> adminGids;
   bool unixOnly = false;  // an option that only a Unix socket has was given
 };
-
-// One of the listener's limits; false with the reason in why.
-bool ParseLimit(std::string const& arg, std::string const& value, cOptions& opt, std::string& why) {
-  kest::cServerLimits& l = opt.limits;
-  bool const unixOnly = arg != "--max-connections" && arg != "--send-limit";
-  opt.unixOnly = opt.unixOnly || unixOnly;
-  if (value.empty()) {
-    why = "empty";
-    return false;
-  }
-  if (arg == "--max-connections") return kest::ParseCount(value, 1, l.maxConnections, why);
-  if (arg == "--send-limit") return kest::ParseCount(value, kest::kMinSendLimit, l.sendLimit, why);
-  if (arg == "--socket-mode") return kest::ParseSocketMode(value, l.socketMode, why);
-  if (arg == "--allow-uid") return kest::ParseIdList(value, false, l.allowUids, why);
-  if (arg == "--allow-gid") return kest::ParseIdList(value, true, l.allowGids, why);
-  l.socketGroup = value;  // --socket-group: looked up when the socket is made
-  return true;
-}
-
-bool IsLimit(std::string const& arg) {
-  for (char const* name : {"--max-connections", "--send-limit", "--socket-mode", "--socket-group",
-                           "--allow-uid", "--allow-gid"}) {
-    if (arg == name) return true;
-  }
-  return false;
-}
 
 // False: exit now with exitCode (0 after --help or --version, 2 for a usage error).
 bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
@@ -100,7 +76,7 @@ bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
       return true;
     };
     if (arg == "--help" && !hasValue) {
-      std::fputs(kUsage, stdout);
+      std::fputs(Usage().c_str(), stdout);
       exitCode = 0;
       return false;
     } else if (arg == "--version" && !hasValue) {
@@ -109,21 +85,34 @@ bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
       return false;
     } else if (arg == "--syslog" && !hasValue) {
       opt.syslog = true;
-    } else if (arg == "--listen" || arg == "--config" || IsLimit(arg)) {
-      std::string limit, why;
-      if (!take(arg == "--listen" ? opt.listen : arg == "--config" ? opt.config : limit)) {
-        std::fprintf(stderr, "datamgr: %s needs a value\n%s", arg.c_str(), kUsage);
+    } else if (arg.rfind("--", 0) == 0 && arg != "--help" && arg != "--version" &&
+               arg != "--syslog") {
+      std::string text, why;
+      bool ok = true, unixOnly = false;
+      if (!take(arg == "--listen" ? opt.listen : arg == "--config" ? opt.config : text)) {
+        std::fprintf(stderr, "datamgr: %s needs a value\n%s", arg.c_str(), Usage().c_str());
         exitCode = 2;
         return false;
       }
-      if (IsLimit(arg) && !ParseLimit(arg, limit, opt, why)) {
-        std::fprintf(stderr, "datamgr: bad value '%s' for %s: %s\n", limit.c_str(), arg.c_str(),
+      if (arg == "--admin-gid") {
+        ok = !text.empty() && kest::ParseIdList(text, true, opt.adminGids, why);
+        unixOnly = true;
+        if (text.empty()) why = "empty";
+      } else if (arg != "--listen" && arg != "--config" &&
+                 !kest::TakeLimitOption(arg, text, opt.limits, ok, unixOnly, why)) {
+        std::fprintf(stderr, "datamgr: unknown argument %s\n%s", argv[i], Usage().c_str());
+        exitCode = 2;
+        return false;
+      }
+      opt.unixOnly = opt.unixOnly || unixOnly;
+      if (!ok) {
+        std::fprintf(stderr, "datamgr: bad value '%s' for %s: %s\n", text.c_str(), arg.c_str(),
                      why.c_str());
         exitCode = 2;
         return false;
       }
     } else {
-      std::fprintf(stderr, "datamgr: unknown argument %s\n%s", argv[i], kUsage);
+      std::fprintf(stderr, "datamgr: unknown argument %s\n%s", argv[i], Usage().c_str());
       exitCode = 2;
       return false;
     }
@@ -137,8 +126,8 @@ bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
   }
   if (opt.unixOnly && ap.kind != kest::cAccessPoint::kUnix) {
     std::fprintf(stderr,
-                 "datamgr: --socket-mode, --socket-group, --allow-uid and --allow-gid need "
-                 "--listen unix:/path\n");
+                 "datamgr: --socket-mode, --socket-group, --allow-uid, --allow-gid, "
+                 "--max-per-uid and --admin-gid need --listen unix:/path\n");
     exitCode = 2;
     return false;
   }
@@ -175,6 +164,7 @@ int main(int argc, char** argv) {
   service.Init("datamgr", 0);
   datamgr::cDataManager manager(&service, std::move(config), opt.config);
   manager.SetLimits(opt.limits);
+  manager.SetAdminGids(opt.adminGids);
   std::string error;
   if (!manager.Listen(opt.listen, error)) {
     std::fprintf(stderr, "datamgr: %s\n", error.c_str());

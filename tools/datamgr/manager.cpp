@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "config_json.h"
+#include "dataIO/data_protocol.h"
 #include "kest/format.h"
 #include "kest/trace.h"
 
@@ -29,7 +30,7 @@ ctl::cReply Refuse(std::string text) { return ctl::cReply{ctl::kRefused, std::mo
 }  // namespace
 
 cDataManager::cDataManager(kest::cService* service, cDeviceConfig config, std::string configPath)
-    : m_server(service, this, kModule),
+    : m_server(service, this, kModule, dataIO::proto::kService),
       m_config(std::move(config)),
       m_configPath(std::move(configPath)),
       m_store(BuildStore(m_config)) {}
@@ -169,12 +170,23 @@ void cDataManager::OnRequest(kest::cChannel* channel, kest::cFrame& frame) {
   ctl::cRequest req;
   ctl::cReply reply;
   std::string error;
-  if (ctl::Decode(frame.op, frame.body, req, error)) {
-    reply = Control(req, channel);
-  } else {
-    KEST_TRACE(kModule, kLevelError, "%s: control request refused: %s",
-               channel->PeerText().c_str(), error.c_str());
+  unsigned uid = 0, gid = 0;
+  if (!ctl::Decode(frame.op, frame.body, req, error)) {
     reply = ctl::cReply{ctl::kBadRequest, error};
+  } else if (req.op != ctl::kOpList && channel->PeerCred(uid, gid) && uid != 0 &&
+             m_adminGids.count(gid) == 0) {
+    // TCP peers have no credentials: on the loopback default anyone local may
+    // change the store, which is why packaged setups listen on a Unix socket.
+    reply = ctl::cReply{ctl::kNotPermitted,
+                        kest::FormatString("not permitted: uid %u gid %u is neither root nor in "
+                                           "an admin group",
+                                           uid, gid)};
+  } else {
+    reply = Control(req, channel);
+  }
+  if (reply.rc == ctl::kBadRequest || reply.rc == ctl::kNotPermitted) {
+    KEST_TRACE(kModule, kLevelError, "%s: control request op %u refused: %s",
+               channel->PeerText().c_str(), static_cast<unsigned>(frame.op), reply.text.c_str());
   }
   kest::cSerializeBuffer body;
   ctl::Encode(reply, body);

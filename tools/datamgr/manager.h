@@ -22,6 +22,9 @@ class cDataManager : private kest::IServerHandler {
 
   // Before Listen.
   void SetLimits(kest::cServerLimits const& limits) { m_server.SetLimits(limits); }
+  // On a Unix socket, changes to the store and dump requests are served to
+  // root and to these groups only; subscribing and listing to anyone admitted.
+  void SetAdminGids(std::set<unsigned> gids) { m_adminGids = std::move(gids); }
   bool Listen(std::string const& accessPoint, std::string& error);
   void Close() { m_server.Close(); }
   std::uint16_t BoundPort() const { return m_server.BoundPort(); }
@@ -54,6 +57,7 @@ class cDataManager : private kest::IServerHandler {
   std::string List(std::string const& dir) const;
 
   kest::cServer m_server;
+  std::set<unsigned> m_adminGids;
   cDeviceConfig m_config;
   std::string m_configPath;
   Store m_store;
