@@ -1,4 +1,9 @@
 // Plain-text snapshot of the service for operators.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 
 #include "core/route_mgr_service.h"
@@ -71,9 +76,35 @@ std::string cRouteMgrService::ToString(char const* prefix) const {
   return out;
 }
 
+namespace {
+
+// fopen(path, "w"), except that a symlink or anything but a regular file in
+// the last component is refused: the dump directory is often world-writable
+// (/tmp) or named by a peer, and the daemon may run with more rights than
+// whoever planted the link. A FIFO would block the loop, hence O_NONBLOCK
+// until the file is known to be regular.
+FILE* OpenDumpFile(std::string const& path) {
+  int fd;
+  do {
+    fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+              0666);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) return nullptr;
+  struct stat st {};
+  FILE* file = nullptr;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+      fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0) {
+    file = fdopen(fd, "w");
+  }
+  if (file == nullptr) close(fd);
+  return file;
+}
+
+}  // namespace
+
 void WriteDump(cRouteMgrService const* service, int source, std::string const& directory) {
   std::string const path = kest::FormatString("%s/%s", directory.c_str(), kDumpFile);
-  FILE* file = fopen(path.c_str(), "w");
+  FILE* file = OpenDumpFile(path);
   if (file == nullptr) {
     return;  // a dump is best effort: no directory, no dump
   }

@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -95,4 +96,15 @@ TEST_F(ServiceTest, DumpSourcesAndFailures) {
   EXPECT_EQ(access("/nonexistent/dir/routemgr.dmp", F_OK), -1);
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(dir.Path())));
   EXPECT_EQ(ReadFile(dir.Path() + "/routemgr.dmp").substr(25, 22), "- Dumpsource: SRV_REQ\n");
+
+  // A planted symlink or FIFO is not followed or waited on; its target stays as it was.
+  cTempDir other("routemgr-dump-planted");
+  std::string const dump = other.Path() + "/routemgr.dmp", target = other.Path() + "/target";
+  std::fclose(std::fopen(target.c_str(), "w"));
+  ASSERT_EQ(symlink(target.c_str(), dump.c_str()), 0);
+  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(other.Path())));
+  EXPECT_EQ(ReadFile(target), "");
+  ASSERT_EQ(unlink(dump.c_str()), 0);
+  ASSERT_EQ(mkfifo(dump.c_str(), 0666), 0);
+  EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(other.Path())));
 }
