@@ -35,9 +35,9 @@ class cDBConfigWanRoute : public cDBItem {
   // kGwSelectorOwn; the description is free text for the people reading the
   // configuration.
 #define DATAIO_CONFIG_WAN_ROUTE(X)                     \
-  X(kest::s_socket_addr, m_network, )                  \
-  X(kest::s_socket_addr, m_netmask, )                  \
-  X(kest::s_socket_addr, m_gateway, )                  \
+  X(kest::s_socket_addr, m_network, {})                \
+  X(kest::s_socket_addr, m_netmask, {})                \
+  X(kest::s_socket_addr, m_gateway, {})                \
   X(kest::s_uint8, m_gatewaySelector, kGwSelectorNone) \
   X(kest::s_string, m_description, "")
   DATAIO_MEMBERS(DATAIO_CONFIG_WAN_ROUTE)

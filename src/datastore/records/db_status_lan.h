@@ -17,18 +17,18 @@ class cDBStatusLan : public cDBItem {
   std::string ToString(std::string const& format) const override;
 
   // Defaults: link down, no ports, no addresses, no leases.
-#define DATAIO_STATUS_LAN(X)            \
-  X(kest::s_bool, m_linkUp, false)      \
-  X(kest::s_uint8, m_portMask, 0)       \
-  X(StringSet, m_interfaces, )          \
-  X(kest::s_uint64, m_rxBytes, 0)       \
-  X(kest::s_uint64, m_txBytes, 0)       \
-  X(kest::s_socket_addr, m_ipAddress, ) \
-  X(kest::s_socket_addr, m_netmask, )   \
-  X(kest::s_string, m_hostName, "")     \
-  X(kest::s_uint8, m_dhcpMode, 0)       \
-  X(kest::s_uint8, m_leaseCount, 0)     \
-  X(LeaseMap, m_leases, )
+#define DATAIO_STATUS_LAN(X)              \
+  X(kest::s_bool, m_linkUp, false)        \
+  X(kest::s_uint8, m_portMask, 0)         \
+  X(StringSet, m_interfaces, {})          \
+  X(kest::s_uint64, m_rxBytes, 0)         \
+  X(kest::s_uint64, m_txBytes, 0)         \
+  X(kest::s_socket_addr, m_ipAddress, {}) \
+  X(kest::s_socket_addr, m_netmask, {})   \
+  X(kest::s_string, m_hostName, "")       \
+  X(kest::s_uint8, m_dhcpMode, 0)         \
+  X(kest::s_uint8, m_leaseCount, 0)       \
+  X(LeaseMap, m_leases, {})
   DATAIO_MEMBERS(DATAIO_STATUS_LAN)
 };
 

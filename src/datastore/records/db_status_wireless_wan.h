@@ -32,10 +32,10 @@ class cDBStatusWirelessWan : public cDBItem {
   X(kest::s_string, m_technology, "")             \
   X(kest::s_string, m_imei, "")                   \
   X(kest::s_string, m_iccid, "")                  \
-  X(kest::s_socket_addr, m_ipAddress, )           \
-  X(kest::s_socket_addr, m_netmask, )             \
-  X(kest::s_socket_addr, m_gateway, )             \
-  X(kest::s_socket_addr, m_dns, )                 \
+  X(kest::s_socket_addr, m_ipAddress, {})         \
+  X(kest::s_socket_addr, m_netmask, {})           \
+  X(kest::s_socket_addr, m_gateway, {})           \
+  X(kest::s_socket_addr, m_dns, {})               \
   X(kest::s_string, m_apn, "")                    \
   X(kest::s_string, m_interfaceName, "")          \
   X(kest::s_uint64, m_rxBytes, 0)                 \

@@ -49,7 +49,8 @@ struct cMembers {
   std::size_t count;
 };
 
-// Put a member's default in place: Reset(member, {DEFAULT}).
+// Put a member's default in place: Reset(member, DEFAULT), DEFAULT {} for
+// addresses, sets and maps.
 void Reset(kest::s_string& v, char const* d);
 inline void Reset(kest::s_bool& v, bool d) { v.Set(d); }
 inline void Reset(kest::s_int8& v, std::int8_t d) { v.Set(d); }
@@ -75,7 +76,7 @@ std::string RecordText(std::string const& name, cMembers members);
 
 // The parts of a member list entry X(TYPE, NAME, DEFAULT).
 #define DATAIO_MEMBER_DECLARE(TYPE, NAME, DEFAULT) TYPE NAME;
-#define DATAIO_MEMBER_DEFAULT(TYPE, NAME, DEFAULT) ::dataIO::record_codec::Reset(NAME, {DEFAULT});
+#define DATAIO_MEMBER_DEFAULT(TYPE, NAME, DEFAULT) ::dataIO::record_codec::Reset(NAME, DEFAULT);
 #define DATAIO_MEMBER_REF(TYPE, NAME, DEFAULT) ::dataIO::record_codec::Ref(NAME),
 #define DATAIO_MEMBER_COUNT(TYPE, NAME, DEFAULT) +1
 
