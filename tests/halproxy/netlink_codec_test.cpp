@@ -11,17 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "kest/format.h"
+
 namespace {
 
 namespace nl = halproxy::nl;
 
 std::string Text(nl::cNlRoute const& r) {
-  return std::to_string(r.dst) + "/" + std::to_string(r.dstLen) + " via " +
-         std::to_string(r.gateway) + " dev " + std::to_string(r.oif) + " src " +
-         std::to_string(r.prefsrc) + " metric " +
-         (r.hasPriority ? std::to_string(r.priority) : "-") + " table " +
-         std::to_string(r.table) + " type " + std::to_string(r.type) + " proto " +
-         std::to_string(r.protocol) + " scope " + std::to_string(r.scope);
+  return kest::FormatString("%x/%u via %x dev %u src %x metric %u/%d table %u type %u/%u/%u",
+                            r.dst, r.dstLen, r.gateway, r.oif, r.prefsrc, r.priority,
+                            r.hasPriority, r.table, r.type, r.protocol, r.scope);
 }
 
 nlmsghdr Header(std::vector<std::uint8_t> const& msg) {

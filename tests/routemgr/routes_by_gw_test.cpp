@@ -45,7 +45,6 @@ TEST_F(ServiceTest, ConfiguredRoutesAreRequestedInKeyOrderSkippingUnknownSelecto
             }));
   auto traces = Traces();
   ASSERT_EQ(traces.size(), 6u);
-  EXPECT_EQ(traces[1], "Routing Collection Changed - Deleting/Setting Routes");
   EXPECT_EQ(traces[4],
             "SetRoutesByGw (_bNewVal:true, _bDelRoutes:false, bWiredAvail:true, "
             "bWirelessAvail:false, bVPNAvail:false)");
