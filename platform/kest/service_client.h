@@ -104,8 +104,10 @@ class cServiceClient : private IChannelHandler {
   // Polls only this connection until done() or the deadline: 0, kTimeout or
   // kConnectionLost. Other frames that arrive are handled as usual.
   int Await(std::function<bool()> const& done, std::int64_t deadline);
-  // Traces a failed wait of op; a timeout drops the connection, since a late
-  // answer would be taken for the next request's.
+  // Traces a failed wait of op. A timeout drops the connection: a peer that
+  // leaves a request unanswered that long is taken for stuck, and a new
+  // connection (reported to the hooks and watchers) is the way back. A late
+  // answer is harmless, answers being matched by id.
   void WaitFailed(char const* what, std::uint16_t op, int rc);
   bool Sendable(std::uint16_t op, cSerializeBuffer const& body);
   cFrame RequestFrame(std::uint16_t op, cSerializeBuffer const& body);

@@ -1,11 +1,16 @@
 #include "kest/trace.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace kest {
 namespace {
@@ -16,6 +21,25 @@ char const* BaseName(char const* file) {
   if (file == nullptr) return "?";
   char const* slash = std::strrchr(file, '/');
   return slash ? slash + 1 : file;
+}
+
+// Sends all of a line, or nothing more once the peer is gone. Signals are
+// installed without SA_RESTART, so any of them may interrupt a write that
+// waits for room; a stream may also take only part of a line.
+bool WriteAll(int fd, bool socket, char const* data, std::size_t len) {
+  while (len > 0) {
+    ssize_t n = socket ? ::send(fd, data, len, MSG_NOSIGNAL) : ::write(fd, data, len);
+    if (n > 0) {
+      data += n;
+      len -= static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EAGAIN) {
+      pollfd p = {fd, POLLOUT, 0};  // somebody made the descriptor non-blocking
+      if (::poll(&p, 1, -1) < 0 && errno != EINTR) return false;
+    } else if (n == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
 }
 
 // One line per trace: "module level file:line message". A multi-line message
@@ -29,37 +53,68 @@ class cStderrSink : public ITraceSink {
     std::string line = rec.module + " " + rec.level + " " + rec.file + ":" +
                        std::to_string(rec.line) + " " + msg + "\n";
     // One write per line keeps lines whole when several processes share stderr.
-    std::size_t off = 0;
-    while (off < line.size()) {
-      ssize_t n = ::write(STDERR_FILENO, line.data() + off, line.size() - off);
-      if (n <= 0) return;
-      off += static_cast<std::size_t>(n);
-    }
+    WriteAll(STDERR_FILENO, false, line.data(), line.size());
   }
 };
 
+// Writes to the syslog daemon's socket itself, in the form syslog(3) uses:
+// syslog(3) gives a line up when a signal interrupts its send twice.
 class cSyslogSink : public ITraceSink {
  public:
   void Open(std::string const& ident) {
-    m_ident = ident;  // openlog keeps the pointer
-    openlog(m_ident.c_str(), LOG_PID, LOG_DAEMON);
-    m_open = true;
+    Close();
+    m_ident = ident;
   }
   void Close() {
-    if (m_open) closelog();
-    m_open = false;
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
   }
   void Write(cTraceRecord const& rec) override {
     long n = LevelNumber(rec.level);
     int prio = n <= 1 ? LOG_ERR : n == 2 ? LOG_WARNING : n <= 4 ? LOG_NOTICE : n == 5 ? LOG_INFO
                                                                                       : LOG_DEBUG;
-    syslog(prio, "%s %s %s:%ld %s", rec.module.c_str(), rec.level.c_str(), rec.file.c_str(),
-           rec.line, rec.message.c_str());
+    char stamp[32] = "";
+    std::time_t now = std::time(nullptr);
+    std::tm tm;
+    if (localtime_r(&now, &tm) != nullptr) std::strftime(stamp, sizeof stamp, "%b %e %T", &tm);
+    std::string line = "<" + std::to_string(LOG_DAEMON | prio) + ">" + stamp + " " + m_ident +
+                       "[" + std::to_string(getpid()) + "]: " + rec.module + " " + rec.level +
+                       " " + rec.file + ":" + std::to_string(rec.line) + " " + rec.message;
+    // A daemon restarted since the last line wants a new connection.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      if (m_fd < 0 && !Connect()) return;
+      // A stream socket needs the end of each message marked.
+      if (WriteAll(m_fd, true, line.c_str(), line.size() + (m_stream ? 1 : 0))) return;
+      Close();
+    }
   }
 
  private:
+  bool Connect() {
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, _PATH_LOG);
+    for (int type : {SOCK_DGRAM, SOCK_STREAM}) {
+      m_fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+      if (m_fd < 0) return false;
+      int rc;
+      do {
+        rc = ::connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+      } while (rc < 0 && errno == EINTR);
+      if (rc == 0 || errno == EISCONN) {
+        m_stream = type == SOCK_STREAM;
+        return true;
+      }
+      int const err = errno;
+      Close();
+      if (err != EPROTOTYPE) return false;  // EPROTOTYPE: the daemon listens on a stream
+    }
+    return false;
+  }
+
   std::string m_ident;
-  bool m_open = false;
+  int m_fd = -1;
+  bool m_stream = false;
 };
 
 class cOffSink : public ITraceSink {

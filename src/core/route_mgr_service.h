@@ -95,8 +95,6 @@ class cRouteMgrService : public kest::cScmService,
   kest::cTimer& RefreshTimer() { return m_refreshTimer; }
 
  private:
-  void DeleteRoutesOfCollection(dataIO::cDBWanRoutingCollection* collection);
-
   GatewayTable m_Gateways;
   RouteTable m_Routes;
   RoutesByClientTable m_RoutesByClient;

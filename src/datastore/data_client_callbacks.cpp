@@ -25,9 +25,10 @@ void cRouteMgrService::RestartDataClient() {
   m_networkStatus = nullptr;
   m_RoutingCollection = nullptr;
   m_StatusReceived = false;
-  // Routes applied from the configuration stay in the kernel: the next
-  // configuration to arrive replaces them, and dropping them here would cut
-  // traffic for the length of a data manager restart.
+  // Routes applied from the configuration stay in the kernel: dropping them
+  // here would cut traffic for the length of a data manager restart. The
+  // next configuration does not replace them: its first synchronisation has
+  // no routes in force to delete, so a route that it no longer lists stays.
   m_dataClient.Start();
 }
 

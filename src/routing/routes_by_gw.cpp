@@ -3,6 +3,7 @@
 #include "core/rm_trace.h"
 #include "core/route_mgr_service.h"
 #include "datastore/records/db_wan_routing_collection.h"
+#include "routing/configured_route.h"
 
 namespace {
 char const* BoolText(bool b) { return b ? "true" : "false"; }
@@ -12,10 +13,10 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
   if (m_RoutingCollection == nullptr) {
     return;
   }
-  cGWEntry wired, wireless, vpn;
-  bool bWiredAvail = GetGatewayByTag(gwtag::kWired, wired);
-  bool bWirelessAvail = GetGatewayByTag(gwtag::kWireless, wireless);
-  bool bVPNAvail = GetGatewayByTag(gwtag::kVpn, vpn);
+  cWanGateways gw;
+  gw.wired.avail = GetGatewayByTag(gwtag::kWired, gw.wired.entry);
+  gw.wireless.avail = GetGatewayByTag(gwtag::kWireless, gw.wireless.entry);
+  gw.vpn.avail = GetGatewayByTag(gwtag::kVpn, gw.vpn.entry);
 
   auto const& walked =
       _bNewVal ? m_RoutingCollection->RoutesReceived() : m_RoutingCollection->RoutesInForce();
@@ -24,42 +25,23 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
   if (!m_refreshing) {
     RM_TRACEF("SetRoutesByGw (_bNewVal:%s, _bDelRoutes:%s, bWiredAvail:%s, bWirelessAvail:%s, "
               "bVPNAvail:%s)",
-              BoolText(_bNewVal), BoolText(_bDelRoutes), BoolText(bWiredAvail),
-              BoolText(bWirelessAvail), BoolText(bVPNAvail));
+              BoolText(_bNewVal), BoolText(_bDelRoutes), BoolText(gw.wired.avail),
+              BoolText(gw.wireless.avail), BoolText(gw.vpn.avail));
     RM_TRACEF("(try) %s %d routes (OtherMapSize:%d)", _bDelRoutes ? "deleting" : "setting",
               static_cast<int>(walked.size()), static_cast<int>(other.size()));
   }
 
   kest::s_socket_addr const noSource("0.0.0.0", 0);
-  std::string const noInterface;
   for (auto const& [key, route] : walked) {
-    kest::s_socket_addr const* gateway = nullptr;
-    std::string const* ifname = &noInterface;
-    std::uint32_t metric = 0;
-    bool avail = true;
-    switch (route.m_gatewaySelector.Get()) {
-      case dataIO::kGwSelectorWired:
-        gateway = &wired.m_gatewayIP, ifname = &wired.m_gatewayIF, avail = bWiredAvail;
-        break;
-      case dataIO::kGwSelectorWireless:
-        gateway = &wireless.m_gatewayIP, ifname = &wireless.m_gatewayIF, avail = bWirelessAvail;
-        break;
-      case dataIO::kGwSelectorVpn:
-        // Only VPN routes take the gateway's priority: several VPNs may
-        // offer the same prefix and the metric orders them.
-        gateway = &vpn.m_gatewayIP, ifname = &vpn.m_gatewayIF, avail = bVPNAvail;
-        metric = vpn.m_gatewayPrio;
-        break;
-      case dataIO::kGwSelectorOwn:
-        gateway = &route.m_gateway;
-        break;
-      default:
-        continue;
+    std::optional<cConfiguredRequest> const req = ConfiguredRequest(gw, route);
+    if (!req) {
+      continue;
     }
     if (_bDelRoutes) {
-      HalDelRoute(route.m_network, route.m_netmask, *gateway, avail);
+      HalDelRoute(route.m_network, route.m_netmask, req->gateway, req->gwAvail);
     } else {
-      HalSetRoute(route.m_network, route.m_netmask, *gateway, noSource, *ifname, metric, avail);
+      HalSetRoute(route.m_network, route.m_netmask, req->gateway, noSource, req->ifname,
+                  req->metric, req->gwAvail);
     }
   }
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <map>
 #include <vector>
 
 #include "datastore/records/db_config_wan_route.h"
@@ -19,7 +20,7 @@ leaseEntry Lease(const char* host) {
   return e;
 }
 
-// Every record filled with values that differ from its defaults, in every member.
+// Every record filled with values that differ from its defaults, in members of every kind.
 void Fill(cDBStatusConnection& r) {
   r.m_online.Set(true); r.m_activeWan.Set(2); r.m_onlineSeconds.Set(99999);
 }
@@ -79,10 +80,29 @@ TYPED_TEST(RecordTest, RoundTripsEveryMemberAndRefusesAnyTruncationUntouched) {
   }
 }
 
-TEST(Records, DefaultsLayoutAndText) {
-  EXPECT_EQ(cDBStatusWiredWan().m_mtu.Get(), 1500);
-  EXPECT_TRUE(cDBStatusWiredWan().m_dhcpEnabled.Get());
-  EXPECT_EQ(cDBStatusWirelessWan().m_signalStrength.Get(), -128);
+// Every member in wire order with its default: one missing from the member
+// list, or a default changed, shows in the text and the size on the wire.
+TYPED_TEST(RecordTest, DefaultsInTextAndOnTheWire) {
+  static const std::map<std::string, std::pair<std::string, std::size_t>> want = {
+      {"ConnectionStatus", {"{false, 0, 0}", 10}},
+      {"WanStatus", {"{0, \"\"}", 8}},
+      {"WiredWanStatus", {"{0, false, true, \"\", 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, "
+                          "0.0.0.0:0, 0.0.0.0:0, 1500, 0, {}, 0, 0, 0, 0, {}}", 89}},
+      {"WirelessWanStatus", {"{0, false, false, 65408, 65408, 65408, \"\", \"\", \"\", \"\", "
+                             "0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, \"\", \"\", 0, 0, "
+                             "\"\", \"\", 0, \"\", \"\"}", 111}},
+      {"LanStatus", {"{false, 0, {}, 0, 0, 0.0.0.0:0, 0.0.0.0:0, \"\", 0, 0, {}}", 54}},
+      {"", {"0.0.0.0/0.0.0.0 via nothing (selector 0) (gw 0.0.0.0)", 29}},  // a routing entry
+  };
+  TypeParam record;
+  auto const& [text, size] = want.at(record.GetName());
+  EXPECT_EQ(record.ToString(""), record.GetName().empty() ? text : record.GetName() + " " + text);
+  kest::cSerializeBuffer buf;
+  ASSERT_TRUE(record.Serialize(buf));
+  EXPECT_EQ(buf.Size(), size);
+}
+
+TEST(Records, LayoutAndText) {
   EXPECT_EQ(cDBStatusLan().GetDir() + cDBStatusLan().GetName(), "/Status/Network/LanStatus");
   cDBStatusWan wan;
   Fill(wan);

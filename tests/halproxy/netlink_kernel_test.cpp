@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -88,39 +87,6 @@ class NetlinkKernel : public ::testing::Test {
   std::string const m_ns = "rmhal-" + std::to_string(getpid());
   cProxyProcess m_proxy;
 };
-
-// What the kernel test cannot provoke: late answers to earlier requests are
-// skipped, a batch's numbers wrap past 2^32, a datagram is cut short.
-TEST(NetlinkCodec, StaleAnswersAreSkippedAndACutDatagramIsReported) {
-  struct cAck {
-    nlmsghdr h;
-    nlmsgerr e;
-  };
-  auto ack = [](std::uint32_t seq, int err) {
-    return cAck{{sizeof(cAck), NLMSG_ERROR, NLM_F_CAPPED, seq, 0}, {err, {}}};
-  };
-  cAck acks[] = {ack(4, -EEXIST), ack(5, -ESRCH)};
-  auto res = nl::ParseReply(reinterpret_cast<std::uint8_t*>(acks), sizeof acks, 5, nullptr);
-  EXPECT_EQ(nl::cNlResult::kDone, res.status);
-  EXPECT_EQ(-ESRCH, res.error);
-
-  // A batch numbered 0xFFFFFFFE, 0xFFFFFFFF, 0, 1.
-  cAck batch[] = {ack(0xFFFFFFF0u, -EEXIST), ack(0xFFFFFFFFu, -ENETUNREACH), ack(1, 0),
-                  ack(2, -ESRCH)};
-  auto const* bytes = reinterpret_cast<std::uint8_t*>(batch);
-  std::vector<nl::cNlAck> got;
-  std::string malformed;
-  ASSERT_TRUE(nl::ParseAcks(bytes, sizeof batch, 0xFFFFFFFEu, 4, got, malformed)) << malformed;
-  ASSERT_EQ(2u, got.size());
-  EXPECT_EQ(0xFFFFFFFFu, got[0].seq);
-  EXPECT_EQ(-ENETUNREACH, got[0].error);
-  EXPECT_EQ(1u, got[1].seq);
-  EXPECT_EQ(0, got[1].error);
-  got.clear();
-  EXPECT_FALSE(nl::ParseAcks(bytes, sizeof batch - 4, 0xFFFFFFFEu, 4, got, malformed));
-  EXPECT_EQ("message length 36 does not fit", malformed);
-  EXPECT_EQ(2u, got.size());  // what came before it still counts
-}
 
 TEST_F(NetlinkKernel, RoutesAreMaskedReplacedAndRemoved) {
   StartProxy("skip");

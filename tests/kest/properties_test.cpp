@@ -1,9 +1,12 @@
 #include "kest/properties.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
+#include <sstream>
 
 #include "kest/trace.h"
 
@@ -73,6 +76,49 @@ TEST(Trace, OneLineOnStderrPerTraceAndNothingOnStdout) {
     EXPECT_EQ(GetCapturedStderr(), want) << maxLevel;
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   }
+}
+
+// SIGUSR1 comes without SA_RESTART (as the daemon installs it) while a child's
+// standard error is a full pipe: every write that waits for room is
+// interrupted, again and again, and still each line arrives whole.
+TEST(Trace, NoLineLostWhenSignalsInterruptWritesToAFullStderr) {
+  constexpr int kLines = 3000;  // some 300 KiB: the pipe fills many times over
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  struct sigaction action = {}, before;  // the child's from the start
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &action, &before);
+  pid_t const pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], STDERR_FILENO);
+    kest::cTracepoint::SelectSink("stderr");
+    std::string const filler(90, 'x');
+    for (int i = 0; i < kLines; ++i) KEST_TRACE("M", "005", "line %d %s", i, filler.c_str());
+    _exit(0);
+  }
+  sigaction(SIGUSR1, &before, nullptr);
+  ASSERT_GT(pid, 0);
+  close(fds[1]);
+  for (int i = 0; i < 50; ++i) {  // the pipe is full by now: the child waits in write
+    kill(pid, SIGUSR1);
+    usleep(1000);
+  }
+  std::string out;
+  char buf[512];
+  for (ssize_t n = 1; n > 0;) {  // room for a few lines at a time, a signal each time
+    kill(pid, SIGUSR1);
+    n = read(fds[0], buf, sizeof buf);
+    if (n > 0) out.append(buf, static_cast<std::size_t>(n));
+  }
+  close(fds[0]);
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  std::istringstream lines(out);
+  int next = 0;
+  for (std::string line; std::getline(lines, line); ++next)
+    ASSERT_NE(line.find(" line " + std::to_string(next) + " xxx"), std::string::npos) << line;
+  EXPECT_EQ(next, kLines);
 }
 
 }  // namespace

@@ -1,37 +1,55 @@
+#include "routing/configured_route.h"
 #include "service_fixture.h"
 
 using Lines = std::vector<std::string>;
 
-TEST_F(ServiceTest, ConfiguredRoutesFollowTheirSelector) {
-  SetGw("vpn", "10.8.0.1", NORMAL, 7, "tun0");
+TEST(ConfiguredRequest, GatewayInterfaceMetricAndFlagBySelector) {
+  cWanGateways gw;
+  gw.wired = {{kest::s_socket_addr("192.168.1.1", 0), "wired", "eth1", NORMAL, 9}, true};
+  gw.vpn = {{kest::s_socket_addr("10.8.0.1", 0), "vpn", "tun0", NORMAL, 7}, true};
+  std::pair<std::uint8_t, char const*> const cases[] = {
+      {0, "skipped"},
+      {1, "192.168.1.1 'eth1' 0 1"},  // the gateway's priority is not the metric
+      {2, "0.0.0.0 '' 0 0"},          // no gateway announced
+      {3, "10.8.0.1 'tun0' 7 1"},
+      {4, "192.168.5.254 '' 0 1"},
+      {5, "skipped"},
+      {255, "skipped"},
+  };
+  for (auto const& [selector, want] : cases) {
+    dataIO::cDBConfigWanRoute route("r", "", kest::s_socket_addr("10.10.0.0", 0),
+                                    kest::s_socket_addr("255.255.0.0", 0),
+                                    kest::s_socket_addr("192.168.5.254", 0), selector, "");
+    auto const req = ConfiguredRequest(gw, route);
+    EXPECT_EQ(req ? kest::FormatString("%s '%s' %u %d", req->gateway.GetIPString().c_str(),
+                                       req->ifname.c_str(), req->metric, req->gwAvail)
+                  : "skipped",
+              want)
+        << int(selector);
+  }
+}
+
+TEST_F(ServiceTest, ConfiguredRoutesAreRequestedInKeyOrderSkippingUnknownSelectors) {
   SetGw("wired", "192.168.1.1", NORMAL, 9, "eth1");
   ReachConfigApplied({});
   SyncRouting({
       {"a-wired", "10.10.3.4", "255.255.0.0", 1},
-      {"b-wireless", "10.20.0.0", "255.255.0.0", 2},
-      {"c-vpn", "172.16.5.9", "255.255.0.0", 3},
+      {"b-none", "10.50.0.0", "255.255.0.0", 0},
+      {"c-nine", "10.60.0.0", "255.255.0.0", 9},
       {"d-own", "10.40.0.0", "255.255.0.0", 4, "192.168.5.254"},
-      {"e-none", "10.50.0.0", "255.255.0.0", 0},
-      {"f-nine", "10.60.0.0", "255.255.0.0", 9},
-      {"g-last", "10.70.0.0", "255.255.0.0", 1},
   });
   EXPECT_EQ(hal.Take(),
             (Lines{
-                // wired ignores the gateway's priority; a missing WAN gets 0.0.0.0, flag false
                 "ConfigureIPGateway 10.10.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'eth1' 0 1",
-                "ConfigureIPGateway 10.20.0.0 255.255.0.0 0.0.0.0 0.0.0.0 '' 0 0",
-                "ConfigureIPGateway 172.16.0.0 255.255.0.0 10.8.0.1 0.0.0.0 'tun0' 7 1",
                 "ConfigureIPGateway 10.40.0.0 255.255.0.0 192.168.5.254 0.0.0.0 '' 0 1",
-                "ConfigureIPGateway 10.70.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'eth1' 0 1",
             }));
   auto traces = Traces();
   ASSERT_EQ(traces.size(), 6u);
-  EXPECT_EQ(traces[1], "Routing Collection Changed - Deleting/Setting Routes");
   EXPECT_EQ(traces[4],
             "SetRoutesByGw (_bNewVal:true, _bDelRoutes:false, bWiredAvail:true, "
-            "bWirelessAvail:false, bVPNAvail:true)");
+            "bWirelessAvail:false, bVPNAvail:false)");
   // Skipped selectors still count.
-  EXPECT_EQ(traces[5], "(try) setting 7 routes (OtherMapSize:0)");
+  EXPECT_EQ(traces[5], "(try) setting 4 routes (OtherMapSize:0)");
 }
 
 TEST_F(ServiceTest, RefreshRequestsEverythingSilentlyInFixedOrder) {

@@ -36,13 +36,13 @@ struct cNlRoute {
 constexpr std::size_t kRouteMessageMax = 256;
 
 // One message each; flags are NLM_F_* besides NLM_F_REQUEST, which is always set.
-std::vector<std::uint8_t> BuildNewRoute(cNlRoute const& route, std::uint16_t flags,
-                                        std::uint32_t seq);
+[[nodiscard]] std::vector<std::uint8_t> BuildNewRoute(cNlRoute const& route, std::uint16_t flags,
+                                                      std::uint32_t seq);
 // The same message appended to buf, so many of them go in one datagram.
 void AppendNewRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint16_t flags,
                     std::uint32_t seq);
-std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq);
-std::vector<std::uint8_t> BuildRouteDump(std::uint32_t seq);
+[[nodiscard]] std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq);
+[[nodiscard]] std::vector<std::uint8_t> BuildRouteDump(std::uint32_t seq);
 
 struct cNlResult {
   enum Status { kMore, kDone, kMalformed } status = kMore;
@@ -54,8 +54,8 @@ struct cNlResult {
 // (messages with other numbers are stale and skipped). IPv4 route messages
 // are appended to routes when it is not null. kMore: the answer goes on in
 // the next datagram.
-cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
-                     std::vector<cNlRoute>* routes);
+[[nodiscard]] cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
+                                   std::vector<cNlRoute>* routes);
 
 // The answer to one request of a batch: error 0 is the ack of a success.
 struct cNlAck {
@@ -69,12 +69,13 @@ struct cNlAck {
 // to acks, in order; messages with other numbers are stale and skipped. False
 // when the datagram is malformed, with what in malformed; the acks before it
 // are kept.
-bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq,
-               std::uint32_t count, std::vector<cNlAck>& acks, std::string& malformed);
+[[nodiscard]] bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq,
+                             std::uint32_t count, std::vector<cNlAck>& acks,
+                             std::string& malformed);
 
 // The route of an RTM_NEWROUTE message's payload (struct rtmsg and its
 // attributes); false for another family or a malformed payload.
-bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out);
+[[nodiscard]] bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out);
 
 }  // namespace nl
 }  // namespace halproxy

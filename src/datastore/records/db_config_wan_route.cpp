@@ -19,12 +19,6 @@ cDBConfigWanRoute::cDBConfigWanRoute(std::string const& name, std::string const&
   m_description.Set(description);
 }
 
-void cDBConfigWanRoute::SetDefault() {
-  m_network = m_netmask = m_gateway = kest::s_socket_addr();
-  m_gatewaySelector.Set(kGwSelectorNone);
-  m_description.Set("");
-}
-
 namespace {
 std::string SelectorText(std::uint8_t selector) {
   switch (selector) {

@@ -26,23 +26,21 @@ class cDBConfigWanRoute : public cDBItem {
   cDBConfigWanRoute(std::string const& name, std::string const& dir, kest::s_socket_addr network,
                     kest::s_socket_addr netmask, kest::s_socket_addr gateway,
                     std::uint8_t selector, std::string const& description);
-  // An empty entry that routes nothing: 0.0.0.0/0.0.0.0, no selector.
-  void SetDefault();
   // "10.10.0.0/255.255.0.0 via wired (gw 0.0.0.0) "office LAN"", whatever the
   // format; the description part is left out when empty.
   std::string ToString(std::string const& format) const override;
 
-  kest::s_socket_addr m_network;  // only the address part is used
-  kest::s_socket_addr m_netmask;
-  kest::s_socket_addr m_gateway;  // used with kGwSelectorOwn only
-  kest::s_uint8 m_gatewaySelector;
-  kest::s_string m_description;   // free text for the people reading the configuration
-
-  template <typename Self>
-  static auto Members(Self& self) {
-    return std::tie(self.m_network, self.m_netmask, self.m_gateway, self.m_gatewaySelector,
-                    self.m_description);
-  }
+  // Defaults: an empty entry that routes nothing, 0.0.0.0/0.0.0.0, no selector.
+  // The network's address part only is used; the gateway only with
+  // kGwSelectorOwn; the description is free text for the people reading the
+  // configuration.
+#define DATAIO_CONFIG_WAN_ROUTE(X)                     \
+  X(kest::s_socket_addr, m_network, {})                \
+  X(kest::s_socket_addr, m_netmask, {})                \
+  X(kest::s_socket_addr, m_gateway, {})                \
+  X(kest::s_uint8, m_gatewaySelector, kGwSelectorNone) \
+  X(kest::s_string, m_description, "")
+  DATAIO_MEMBERS(DATAIO_CONFIG_WAN_ROUTE)
 };
 
 }  // namespace dataIO

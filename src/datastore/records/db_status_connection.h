@@ -13,18 +13,14 @@ class cDBStatusConnection : public cDBItem {
   static constexpr char kItemName[] = "ConnectionStatus";
 
   cDBStatusConnection();
-  // Nothing known yet: offline, no WAN in use, no uptime.
-  void SetDefault();
   std::string ToString(std::string const& format) const override;
 
-  kest::s_bool m_online;
-  kest::s_uint8 m_activeWan;
-  kest::s_uint32 m_onlineSeconds;
-
-  template <typename Self>
-  static auto Members(Self& self) {
-    return std::tie(self.m_online, self.m_activeWan, self.m_onlineSeconds);
-  }
+  // Defaults: nothing known yet, offline, no WAN in use, no uptime.
+#define DATAIO_STATUS_CONNECTION(X)     \
+  X(kest::s_bool, m_online, false)      \
+  X(kest::s_uint8, m_activeWan, 0)      \
+  X(kest::s_uint32, m_onlineSeconds, 0)
+  DATAIO_MEMBERS(DATAIO_STATUS_CONNECTION)
 };
 
 }  // namespace dataIO

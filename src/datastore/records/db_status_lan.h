@@ -1,6 +1,7 @@
 // Status of the LAN side. Mirrored in full; the route manager reads none of it.
 #pragma once
 
+#include "datastore/records/lease_entry.h"
 #include "datastore/records/record_codec.h"
 #include "values/s_basic_int.h"
 #include "values/s_bool.h"
@@ -13,28 +14,22 @@ class cDBStatusLan : public cDBItem {
   static constexpr char kItemName[] = "LanStatus";
 
   cDBStatusLan();
-  // Link down, no ports, no addresses, no leases.
-  void SetDefault();
   std::string ToString(std::string const& format) const override;
 
-  kest::s_bool m_linkUp;
-  kest::s_uint8 m_portMask;
-  StringSet m_interfaces;
-  kest::s_uint64 m_rxBytes;
-  kest::s_uint64 m_txBytes;
-  kest::s_socket_addr m_ipAddress;
-  kest::s_socket_addr m_netmask;
-  kest::s_string m_hostName;
-  kest::s_uint8 m_dhcpMode;
-  kest::s_uint8 m_leaseCount;
-  LeaseMap m_leases;
-
-  template <typename Self>
-  static auto Members(Self& self) {
-    return std::tie(self.m_linkUp, self.m_portMask, self.m_interfaces, self.m_rxBytes,
-                    self.m_txBytes, self.m_ipAddress, self.m_netmask, self.m_hostName,
-                    self.m_dhcpMode, self.m_leaseCount, self.m_leases);
-  }
+  // Defaults: link down, no ports, no addresses, no leases.
+#define DATAIO_STATUS_LAN(X)              \
+  X(kest::s_bool, m_linkUp, false)        \
+  X(kest::s_uint8, m_portMask, 0)         \
+  X(StringSet, m_interfaces, {})          \
+  X(kest::s_uint64, m_rxBytes, 0)         \
+  X(kest::s_uint64, m_txBytes, 0)         \
+  X(kest::s_socket_addr, m_ipAddress, {}) \
+  X(kest::s_socket_addr, m_netmask, {})   \
+  X(kest::s_string, m_hostName, "")       \
+  X(kest::s_uint8, m_dhcpMode, 0)         \
+  X(kest::s_uint8, m_leaseCount, 0)       \
+  X(LeaseMap, m_leases, {})
+  DATAIO_MEMBERS(DATAIO_STATUS_LAN)
 };
 
 }  // namespace dataIO

@@ -13,20 +13,16 @@ class cDBStatusWan : public cDBItem {
   static constexpr char kItemName[] = "WanStatus";
 
   cDBStatusWan();
-  // No WAN state reported and no setup name known (empty until the data
-  // manager says which setup is in force).
-  void SetDefault();
   std::string ToString(std::string const& format) const override;
 
   std::string const& WanSetupName() const { return m_wanSetupName.Get(); }
 
-  kest::s_uint8 m_wanState;
-  kest::s_string m_wanSetupName;
-
-  template <typename Self>
-  static auto Members(Self& self) {
-    return std::tie(self.m_wanState, self.m_wanSetupName);
-  }
+  // Defaults: no WAN state reported and no setup name known (empty until the
+  // data manager says which setup is in force).
+#define DATAIO_STATUS_WAN(X)            \
+  X(kest::s_uint8, m_wanState, 0)       \
+  X(kest::s_string, m_wanSetupName, "")
+  DATAIO_MEMBERS(DATAIO_STATUS_WAN)
 };
 
 }  // namespace dataIO

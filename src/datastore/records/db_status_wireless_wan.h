@@ -17,43 +17,35 @@ class cDBStatusWirelessWan : public cDBItem {
   static constexpr std::int8_t kNotMeasured = -128;
 
   cDBStatusWirelessWan();
-  // Nothing registered, no SIM seen, signal not measured, no addresses.
-  void SetDefault();
   std::string ToString(std::string const& format) const override;
 
-  kest::s_uint8 m_linkState;
-  kest::s_bool m_simPresent;
-  kest::s_bool m_roaming;
-  kest::s_int8 m_signalStrength;
-  kest::s_int8 m_signalQuality;
-  kest::s_int8 m_signalToNoise;
-  kest::s_string m_operatorName;
-  kest::s_string m_technology;
-  kest::s_string m_imei;
-  kest::s_string m_iccid;
-  kest::s_socket_addr m_ipAddress;
-  kest::s_socket_addr m_netmask;
-  kest::s_socket_addr m_gateway;
-  kest::s_socket_addr m_dns;
-  kest::s_string m_apn;
-  kest::s_string m_interfaceName;
-  kest::s_uint64 m_rxBytes;
-  kest::s_uint64 m_txBytes;
-  kest::s_string m_modemModel;
-  kest::s_string m_modemFirmware;
-  kest::s_uint8 m_registrationState;
-  kest::s_string m_pinState;
-  kest::s_string m_lastError;
-
-  template <typename Self>
-  static auto Members(Self& self) {
-    return std::tie(self.m_linkState, self.m_simPresent, self.m_roaming, self.m_signalStrength,
-                    self.m_signalQuality, self.m_signalToNoise, self.m_operatorName,
-                    self.m_technology, self.m_imei, self.m_iccid, self.m_ipAddress,
-                    self.m_netmask, self.m_gateway, self.m_dns, self.m_apn, self.m_interfaceName,
-                    self.m_rxBytes, self.m_txBytes, self.m_modemModel, self.m_modemFirmware,
-                    self.m_registrationState, self.m_pinState, self.m_lastError);
-  }
+  // Defaults: nothing registered, no SIM seen, signal not measured, no
+  // addresses.
+#define DATAIO_STATUS_WIRELESS_WAN(X)             \
+  X(kest::s_uint8, m_linkState, 0)                \
+  X(kest::s_bool, m_simPresent, false)            \
+  X(kest::s_bool, m_roaming, false)               \
+  X(kest::s_int8, m_signalStrength, kNotMeasured) \
+  X(kest::s_int8, m_signalQuality, kNotMeasured)  \
+  X(kest::s_int8, m_signalToNoise, kNotMeasured)  \
+  X(kest::s_string, m_operatorName, "")           \
+  X(kest::s_string, m_technology, "")             \
+  X(kest::s_string, m_imei, "")                   \
+  X(kest::s_string, m_iccid, "")                  \
+  X(kest::s_socket_addr, m_ipAddress, {})         \
+  X(kest::s_socket_addr, m_netmask, {})           \
+  X(kest::s_socket_addr, m_gateway, {})           \
+  X(kest::s_socket_addr, m_dns, {})               \
+  X(kest::s_string, m_apn, "")                    \
+  X(kest::s_string, m_interfaceName, "")          \
+  X(kest::s_uint64, m_rxBytes, 0)                 \
+  X(kest::s_uint64, m_txBytes, 0)                 \
+  X(kest::s_string, m_modemModel, "")             \
+  X(kest::s_string, m_modemFirmware, "")          \
+  X(kest::s_uint8, m_registrationState, 0)        \
+  X(kest::s_string, m_pinState, "")               \
+  X(kest::s_string, m_lastError, "")
+  DATAIO_MEMBERS(DATAIO_STATUS_WIRELESS_WAN)
 };
 
 }  // namespace dataIO
