@@ -193,6 +193,10 @@ if grep -q '^\[  SKIPPED \]' "$test_log"; then
   grep -h -A1 ': Skipped$' "$test_log" | grep -v -e '^--$' -e ': Skipped$' | sort | uniq -c
 fi
 
+# What the router's flash has room for, stripped. The file grows in steps
+# of a page: the read-only-after-relocation data ends on a page boundary.
+declare -A budget=([routemgr]=204800 [halproxy]=114688)
+
 log "stripped sizes"
 mkdir -p "$BUILD_DIR/stripped"
 status=0
@@ -209,7 +213,13 @@ for prog in src/routemgr tools/halproxy/halproxy; do
   if [ "$(basename "$prog")" = routemgr ]; then
     check_daemon_needs "$out" || status=1
   fi
-  printf '%-10s %8d bytes stripped\n' "$(basename "$prog")" "$(stat -c %s "$out")"
+  size=$(stat -c %s "$out")
+  printf '%-10s %8d bytes stripped (budget %d)\n' "$(basename "$prog")" "$size" \
+    "${budget[$(basename "$prog")]}"
+  if [ "$size" -gt "${budget[$(basename "$prog")]}" ]; then
+    echo "$prog: over its flash budget" >&2
+    status=1
+  fi
   "$TRIPLET-size" "$out" | tail -n 1
 done
 exit $status
