@@ -23,8 +23,12 @@ set(CMAKE_CXX_FLAGS_INIT "-mcpu=arm926ej-s -mfloat-abi=soft -Wno-psabi")
 # target core itself (-cpu arm926: an ARMv6+ instruction would trap), so a
 # green ctest means the code runs on an ARM926EJ-S; ctest and
 # gtest_discover_tests both use this line. ROUTEMGR_EMULATED tells tests that
-# cannot work under user-mode emulation (those that exec another target
-# program or need network namespaces) to skip themselves.
+# start another target program to look for binfmt_misc first: only through
+# it can an emulated program exec another ARM program (scripts/ci-armel.sh
+# registers qemu-arm). Such a program gets a qemu-arm of its own, started
+# by the kernel without options: QEMU_CPU and QEMU_LD_PREFIX, inherited with
+# the environment, give it the same core and the same loader and libraries
+# as the test itself.
 #
 # Runtime libraries: the ones linked against, i.e. the cross C and C++
 # libraries of /usr/arm-linux-gnueabi, and only the others (libmnl) from the
@@ -33,7 +37,7 @@ set(CMAKE_CXX_FLAGS_INIT "-mcpu=arm926ej-s -mfloat-abi=soft -Wno-psabi")
 # libc through /etc/ld.so.cache; a loader and a libc from different builds
 # crash every fork().
 set(CMAKE_CROSSCOMPILING_EMULATOR
-    qemu-arm;-cpu;arm926;-E;ROUTEMGR_EMULATED=1;-E;LD_LIBRARY_PATH=/usr/${_rm_triplet}/lib;-L;/usr/${_rm_triplet})
+    qemu-arm;-cpu;arm926;-L;/usr/${_rm_triplet};-E;ROUTEMGR_EMULATED=1;-E;QEMU_CPU=arm926;-E;QEMU_LD_PREFIX=/usr/${_rm_triplet};-E;LD_LIBRARY_PATH=/usr/${_rm_triplet}/lib)
 
 # Target .pc files only; the host's would hand out x86-64 link flags.
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${_rm_triplet}/pkgconfig:/usr/share/pkgconfig)

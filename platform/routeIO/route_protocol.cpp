@@ -57,11 +57,10 @@ bool Get(kest::cSerializeBuffer& b, cDelGatewayCmd& c) { return GetString(b, c.t
 bool Put(kest::cSerializeBuffer& b, cDelRouteCmd const& c) { return PutString(b, c.tag); }
 bool Get(kest::cSerializeBuffer& b, cDelRouteCmd& c) { return GetString(b, c.tag); }
 
-template <typename T>
-bool DecodeAs(std::uint16_t op, kest::cSerializeBuffer& body, routeCommand& out,
-              std::string& error) {
-  T cmd;
-  if (!Get(body, cmd)) {
+// What follows a body's fields, the same for every command: kept out of
+// the template so the flashed daemon has it once, not once per command.
+bool CheckBody(bool read, std::uint16_t op, kest::cSerializeBuffer& body, std::string& error) {
+  if (!read) {
     error = std::string("malformed ") + routeop::Name(op) + " body";
     return false;
   }
@@ -70,7 +69,15 @@ bool DecodeAs(std::uint16_t op, kest::cSerializeBuffer& body, routeCommand& out,
             " body";
     return false;
   }
-  out = std::move(cmd);
+  return true;
+}
+
+template <typename T>
+bool DecodeAs(std::uint16_t op, kest::cSerializeBuffer& body, routeCommand& out,
+              std::string& error) {
+  T cmd;
+  if (!CheckBody(Get(body, cmd), op, body, error)) return false;
+  out.emplace<T>(std::move(cmd));
   return true;
 }
 

@@ -62,7 +62,8 @@ class cDatamgr {
 class DatamgrProcess : public ::testing::Test, public dataIO::IDataClient {
  protected:
   void SetUp() override {
-    if (Emulated()) GTEST_SKIP() << "starts another program: not under user-mode emulation";
+    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
+      GTEST_SKIP() << why;
   }
   void OnConnect(kest::cServiceClient*) override {}
   void OnDisconnect(kest::cServiceClient*) override {}
@@ -117,7 +118,8 @@ TEST_F(DatamgrProcess, ServesTheExampleFollowsDatactlReloadsOnSighupAndEndsOnSig
 }
 
 TEST(DatamgrAccess, ModeConnectionLimitAllowListsAndBadValues) {
-  if (Emulated()) GTEST_SKIP() << "peer credentials and socket modes: not under emulation";
+  if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
+    GTEST_SKIP() << why;
   cDatamgr dm;
   ASSERT_TRUE(dm.Start({"--socket-mode", "0640", "--max-connections=1", "--send-limit", "65540"}))
       << dm.Log();

@@ -13,15 +13,15 @@
 namespace e2e {
 namespace {
 
-// Every test skips itself under user-mode emulation.
-class cSkipWhenEmulated : public ::testing::Environment {
+// Every test starts the programs: each skips itself where it cannot.
+class cSkipWhenProgramsCannotStart : public ::testing::Environment {
   void SetUp() override {
-    if (testsupport::Emulated())
-      GTEST_SKIP() << "end-to-end tests start other programs: not under emulation";
+    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
+      GTEST_SKIP() << why;
   }
 };
-[[maybe_unused]] ::testing::Environment* const g_skipWhenEmulated =
-    ::testing::AddGlobalTestEnvironment(new cSkipWhenEmulated);
+[[maybe_unused]] ::testing::Environment* const g_skipWhenProgramsCannotStart =
+    ::testing::AddGlobalTestEnvironment(new cSkipWhenProgramsCannotStart);
 
 }  // namespace
 
@@ -109,6 +109,7 @@ std::vector<std::string> cStack::HalTable() const {
 // Bounded by timeout(1), so a hung tool fails the test instead of holding it.
 cToolRun cStack::Run(std::string const& program, std::string const& sap,
                      std::vector<std::string> const& args, std::string const& input) {
+  testsupport::NoteMachine(program);
   std::string const base = NextFile(program.substr(program.rfind('/') + 1), false);
   std::string cmd = "timeout -s KILL 10 " + program + " --server " + sap;
   for (auto const& a : args) cmd += " '" + a + "'";

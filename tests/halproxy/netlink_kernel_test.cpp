@@ -29,7 +29,8 @@ class NetlinkKernel : public ::testing::Test {
  protected:
   void SetUp() override {
     kest::ResetLoop();
-    if (testsupport::Emulated()) GTEST_SKIP() << "starts halproxy: not under emulation";
+    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
+      GTEST_SKIP() << why;
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
     if (Sh("ip netns add " + m_ns) != 0) GTEST_SKIP() << "cannot create a network namespace";
     for (std::string cmd :

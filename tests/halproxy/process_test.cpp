@@ -22,7 +22,8 @@ namespace {
 class HalproxyProcess : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (testsupport::Emulated()) GTEST_SKIP() << "starts another program: not under emulation";
+    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
+      GTEST_SKIP() << why;
     kest::ResetLoop();
   }
   void TearDown() override { kest::ResetLoop(); }

@@ -5,12 +5,45 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
+#include <set>
 
 namespace testsupport {
 
+namespace {
+
+// "ELF 32-bit ARM EABI5 soft-float" for an executable, "" for anything
+// else (a script, a name looked up in PATH).
+std::string ElfMachine(std::string const& path) {
+  unsigned char h[40] = {};
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (f == nullptr) return "";
+  std::size_t const n = std::fread(h, 1, sizeof h, f);
+  std::fclose(f);
+  if (n < sizeof h || std::memcmp(h, "\x7f" "ELF", 4) != 0 || h[5] != 1) return "";
+  unsigned const machine = h[18] | h[19] << 8;
+  std::string text = std::string("ELF ") + (h[4] == 1 ? "32" : "64") + "-bit ";
+  if (machine == 62) return text + "x86-64";
+  if (machine != 40) return text + "machine " + std::to_string(machine);
+  std::uint32_t const flags = h[36] | h[37] << 8 | h[38] << 16 | std::uint32_t{h[39]} << 24;
+  return text + "ARM EABI" + std::to_string(flags >> 24) +
+         (flags & 0x200 ? " soft-float" : flags & 0x400 ? " hard-float" : "");
+}
+
+}  // namespace
+
+void NoteMachine(std::string const& path) {
+  static std::set<std::string> noted;
+  if (!noted.insert(path).second) return;
+  std::string const machine = ElfMachine(path);
+  if (!machine.empty()) std::printf("program started: %s: %s\n", path.c_str(), machine.c_str());
+}
+
 void cProcess::Start(std::vector<std::string> args, std::string log, std::vector<std::string> env) {
   Stop();
+  for (auto const& a : args) NoteMachine(a);
   m_log = std::move(log);
   m_status = kNotEnded;
   // Everything the child needs is built before fork: after it, only
@@ -47,6 +80,27 @@ bool cProcess::Running() {
   m_status = r != m_pid ? kNotEnded : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   m_pid = -1;
   return false;
+}
+
+std::string CannotStartPrograms() {
+  if (!Emulated()) return "";
+  // An enabled entry whose magic is that of a 32-bit little-endian ARM
+  // executable: "7f454c46 01 01 ..." with e_machine 40 (0x0028) at bytes 18-19.
+  std::string const dir = "/proc/sys/fs/binfmt_misc/";
+  if (ReadFile(dir + "status") == "enabled\n") {
+    std::error_code ec;
+    for (auto const& entry : std::filesystem::directory_iterator(dir, ec)) {
+      std::string const text = ReadFile(entry.path());
+      std::size_t const magic = text.find("\nmagic ");
+      if (text.rfind("enabled\n", 0) == 0 && text.find("\noffset 0\n") != std::string::npos &&
+          magic != std::string::npos && text.compare(magic + 7, 10, "7f454c4601") == 0 &&
+          text.compare(magic + 7 + 36, 4, "2800") == 0)
+        return "";
+    }
+  }
+  return "starts another ARM program, which user-mode qemu cannot exec by itself: needs "
+         "binfmt_misc to hand ARM executables to qemu-arm (scripts/ci-armel.sh registers it as "
+         "root)";
 }
 
 std::string Shell(std::string const& command) {

@@ -16,9 +16,13 @@ namespace testsupport {
 constexpr int kStopTimeoutMs = 5000;
 constexpr int kNotEnded = -1000;  // Status() while it runs, or before it ran
 
-// Under user-mode emulation of the target (cross builds) a test program can
-// start no other target program and enter no network namespace.
+// Under user-mode emulation of the target (cross builds: the toolchain's
+// emulator line sets ROUTEMGR_EMULATED) this test is an ARM program in
+// qemu-arm, which cannot start another ARM program by itself: the kernel
+// has to hand ARM executables to qemu-arm (binfmt_misc).
 inline bool Emulated() { return std::getenv("ROUTEMGR_EMULATED") != nullptr; }
+// Why this test cannot start the programs under test; "" when it can.
+std::string CannotStartPrograms();
 
 class cProcess {
  public:
@@ -65,6 +69,11 @@ class cProcess {
   pid_t m_pid = -1;
   int m_status = kNotEnded;
 };
+
+// Prints "program started: PATH: ELF ... MACHINE" once per program and test
+// process, so a log shows which build ran (the target's or the host's).
+// Start() does it for every program it runs.
+void NoteMachine(std::string const& path);
 
 // A shell command run to its end: what it wrote to stdout and stderr.
 std::string Shell(std::string const& command);
