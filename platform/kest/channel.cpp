@@ -101,6 +101,26 @@ bool cChannel::PeerCred(unsigned& uid, unsigned& gid) const {
   return true;
 }
 
+bool cChannel::PeerInGroups(int fd, unsigned gid, std::set<unsigned> const& gids) {
+  if (gids.count(gid) != 0) return true;
+  // Members of a group are usually members through their supplementary
+  // groups, not their login group.
+  std::vector<gid_t> groups(64);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    socklen_t len = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &len) == 0) {
+      groups.resize(len / sizeof(gid_t));
+      for (gid_t g : groups) {
+        if (gids.count(static_cast<unsigned>(g)) != 0) return true;
+      }
+      return false;
+    }
+    if (errno != ERANGE) return false;
+    groups.resize(len / sizeof(gid_t) + 1);
+  }
+  return false;
+}
+
 void cChannel::OnEvents(std::uint32_t events) {
   if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
     ReadSome();

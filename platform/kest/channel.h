@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,12 @@ class cChannel {
   // Unix sockets: the peer's uid and effective gid (SO_PEERCRED), for
   // services that serve some operations to some users only. False for TCP.
   bool PeerCred(unsigned& uid, unsigned& gid) const;
+  // Whether the peer's effective gid or one of its supplementary groups
+  // (SO_PEERGROUPS, as they were when it connected) is in gids.
+  static bool PeerInGroups(int fd, unsigned gid, std::set<unsigned> const& gids);
+  bool PeerInGroups(unsigned gid, std::set<unsigned> const& gids) const {
+    return PeerInGroups(m_fd, gid, gids);
+  }
   // Bytes of a frame that has begun to arrive and is not complete yet.
   std::size_t Unfinished() const { return m_reader.Buffered(); }
   int Fd() const { return m_fd; }

@@ -364,7 +364,9 @@ std::string cServer::Admit(int fd, bool& hasUid, unsigned& uid) {
   }
   hasUid = true;
   uid = static_cast<unsigned>(cred.uid);
-  bool const listed = m_limits.allowUids.count(cred.uid) || m_limits.allowGids.count(cred.gid);
+  bool const listed = m_limits.allowUids.count(cred.uid) ||
+                      cChannel::PeerInGroups(fd, static_cast<unsigned>(cred.gid),
+                                             m_limits.allowGids);
   if (!listed && !(m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
     return FormatString("uid %u gid %u not allowed", uid, static_cast<unsigned>(cred.gid));
   }

@@ -47,7 +47,7 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   ip.pop_back();  // the newline
   cNetns ns;
   if (!ns.error.empty()) GTEST_SKIP() << "cannot set up network namespaces here: " << ns.error;
-  cStack stack({{ip, "netns", "exec", ns.router}, {"--backend=netlink"}});
+  cStack stack({{ip, "netns", "exec", ns.router}, {"--backend=netlink"}, {}, {}});
   ASSERT_TRUE(stack.Start());
   EXPECT_TRUE(ns.Wait("192.168.50.0/24 via 192.168.1.254 dev eth1"));
 

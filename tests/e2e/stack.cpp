@@ -71,17 +71,22 @@ bool cStack::StartHal() {
 }
 
 bool cStack::StartDataMgr() {
-  return Launch(data, "datamgr", {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap},
-                dataSap);
+  std::vector<std::string> argv{DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap};
+  argv.insert(argv.end(), m_options.dataArgs.begin(), m_options.dataArgs.end());
+  return Launch(data, "datamgr", argv, dataSap);
 }
 
 // The route service listens only once both peers are connected.
 bool cStack::StartRouteMgr(std::vector<std::string> env) {
-  return Launch(route, "routemgr",
-                {ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + halSap, "--prop",
-                 "system.customDataMgrSap=" + dataSap, "--prop",
-                 "system.routeMgrSap=" + routeSap},
-                routeSap, std::move(env));
+  std::vector<std::string> argv{ROUTEMGR_BIN,
+                                "--prop",
+                                "system.customHalProxSap=" + halSap,
+                                "--prop",
+                                "system.customDataMgrSap=" + dataSap,
+                                "--prop",
+                                "system.routeMgrSap=" + routeSap};
+  argv.insert(argv.end(), m_options.routeArgs.begin(), m_options.routeArgs.end());
+  return Launch(route, "routemgr", argv, routeSap, std::move(env));
 }
 
 std::vector<std::string> cStack::HalTable() const {
@@ -111,7 +116,7 @@ cToolRun cStack::Run(std::string const& program, std::string const& sap,
                      std::vector<std::string> const& args, std::string const& input) {
   testsupport::NoteMachine(program);
   std::string const base = NextFile(program.substr(program.rfind('/') + 1), false);
-  std::string cmd = "timeout -s KILL 10 " + program + " --server " + sap;
+  std::string cmd = "timeout -s KILL 10 " + toolPrefix + program + " --server " + sap;
   for (auto const& a : args) cmd += " '" + a + "'";
   std::ofstream(base + ".in") << input;
   cmd += " <" + base + ".in >" + base + ".out 2>" + base + ".err";

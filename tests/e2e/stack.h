@@ -33,6 +33,7 @@ class cStack {
     // listens on a Unix socket, reachable across namespaces.
     std::vector<std::string> halPrefix;
     std::vector<std::string> halArgs{"--backend=memory"};
+    std::vector<std::string> dataArgs, routeArgs;  // appended to the defaults
   };
   cStack() : cStack(cOptions{}) {}
   explicit cStack(cOptions options);
@@ -70,6 +71,8 @@ class cStack {
   std::string Write(std::string const& name, std::string const& text) const;
 
   std::unique_ptr<cProcess> hal, data, route;
+  // Put before every tool's command line, e.g. "setpriv --reuid=65534 ... ".
+  std::string toolPrefix;
 
  private:
   std::string NextFile(std::string const& name, bool log = true);

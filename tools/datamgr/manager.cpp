@@ -174,7 +174,7 @@ void cDataManager::OnRequest(kest::cChannel* channel, kest::cFrame& frame) {
   if (!ctl::Decode(frame.op, frame.body, req, error)) {
     reply = ctl::cReply{ctl::kBadRequest, error};
   } else if (req.op != ctl::kOpList && channel->PeerCred(uid, gid) && uid != 0 &&
-             m_adminGids.count(gid) == 0) {
+             !channel->PeerInGroups(gid, m_adminGids)) {
     // TCP peers have no credentials: on the loopback default anyone local may
     // change the store, which is why packaged setups listen on a Unix socket.
     reply = ctl::cReply{ctl::kNotPermitted,

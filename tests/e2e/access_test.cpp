@@ -1,0 +1,116 @@
+// Who may use which service: clients pointed at the wrong service are told so
+// and nothing is executed; with the packaged settings, a local user outside
+// the groups is refused by each service while a route client is served.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "e2e/stack.h"
+
+namespace e2e {
+namespace {
+
+TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
+  cStack stack;
+  ASSERT_TRUE(stack.Start());
+  ASSERT_EQ(stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                            "default", "metric", "5"})
+                .status,
+            0);
+  ASSERT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
+  std::vector<std::string> const before = stack.HalTable();
+  std::string const hal = stack.halSap, data = stack.dataSap, route = stack.routeSap;
+  struct Case {
+    cToolRun run;
+    std::string said;
+  } const cases[] = {
+      {stack.Routectl({"--server", hal, "gateway", "del", "wired"}),
+       hal + " is the HAL proxy, not the route manager"},
+      {stack.Routectl({"--server", data, "gateway", "del", "wired"}),
+       data + " is the data manager, not the route manager"},
+      {stack.Routectl({"--hal", route, "--hal-table"}),
+       route + " is the route manager, not the HAL proxy"},
+      {stack.Datactl({"--server", hal, "set-wan-setup", "lte"}),
+       hal + " is the HAL proxy, not the data manager"},
+  };
+  for (auto const& c : cases) {
+    EXPECT_EQ(c.run.status, 1) << c.said;
+    EXPECT_NE(c.run.err.find(c.said), std::string::npos) << c.run.err;
+  }
+  EXPECT_EQ(stack.HalTable(), before);
+  EXPECT_TRUE(stack.hal->Logged("refusing connection from 127.0.0.1:"));
+  EXPECT_TRUE(stack.hal->Logged(": this is halProx, not routeMgr"));
+}
+
+// The three services with the packaged files' settings, in a directory of
+// the test's instead of the runtime directory and with numbers for the
+// accounts this machine does not have: routemgr runs as root here.
+TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run tools as another user";
+  if (std::system("setpriv --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no setpriv";
+  constexpr char kClientGid[] = "4242", kAdminGid[] = "4243";
+  cStack::cOptions options;
+  testsupport::cTempDir run("rm-e2e-run");
+  chmod(run.Path().c_str(), 0755);  // the other user must reach the sockets
+  std::vector<std::vector<std::string>> args(3);
+  std::stringstream all(PACKAGED_ACCESS);
+  std::string one;
+  for (auto& list : args) {
+    std::getline(all, one, '|');
+    auto swap = [&](std::string const& from, std::string const& to) {
+      for (std::size_t at; (at = one.find(from)) != std::string::npos;) one.replace(at, from.size(), to);
+    };
+    swap(PACKAGED_RUN_DIR, run.Path());
+    swap(",routemgr", ",0");
+    swap(PACKAGED_CLIENT_GROUP, kClientGid);
+    swap(PACKAGED_ADMIN_GROUP, kAdminGid);
+    std::stringstream words(one);
+    for (std::string w; words >> w;) list.push_back(w);
+  }
+  for (char const* sub : {"/hal", "/data", "/route"}) mkdir((run.Path() + sub).c_str(), 0755);
+  options.halArgs.insert(options.halArgs.end(), args[0].begin(), args[0].end());
+  options.dataArgs = args[1];
+  options.routeArgs = args[2];
+  cStack stack(options);
+  stack.halSap = "unix:" + run.Path() + "/hal/hal.sock";
+  stack.dataSap = "unix:" + run.Path() + "/data/data.sock";
+  stack.routeSap = "unix:" + run.Path() + "/route/route.sock";
+  ASSERT_TRUE(stack.Start());
+  std::vector<std::string> const before = stack.HalTable();
+
+  std::string const nobody = "setpriv --reuid=65534 --regid=65534 ";
+  stack.toolPrefix = nobody + "--clear-groups ";
+  cToolRun const refused[] = {
+      stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "type", "default"}),
+      stack.Routectl({"--hal", stack.halSap, "--hal-table"}),
+      stack.Datactl({"set-wan-setup", "lte"}),
+  };
+  for (auto const& r : refused) {
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_NE(r.err.find("refused the connection: uid 65534 gid 65534 not allowed"),
+              std::string::npos)
+        << r.err;
+  }
+  for (auto* p : {stack.hal.get(), stack.data.get(), stack.route.get()}) {
+    EXPECT_TRUE(p->Logged("refusing connection from uid=65534 pid=")) << p->Log();
+  }
+  EXPECT_EQ(stack.HalTable(), before);
+
+  // A route client is a member of the group, not its login group; an admin
+  // may change the store, which a route client may not.
+  stack.toolPrefix = nobody + "--groups=" + kClientGid + " ";
+  EXPECT_EQ(stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                            "default", "metric", "5"})
+                .status,
+            0);
+  EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
+  EXPECT_EQ(stack.Datactl({"list"}).status, 1);
+  stack.toolPrefix = nobody + "--groups=" + kAdminGid + " ";
+  EXPECT_EQ(stack.Datactl({"set-wan-setup", "lte"}).status, 0);
+}
+
+}  // namespace
+}  // namespace e2e
