@@ -70,7 +70,7 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // The proxy's table as readable lines; the result as for the route operations.
   int ListRoutes(std::vector<std::string>& lines);
   // The next count requests of op (0 = all until cleared) answer code;
-  // code 0 clears. Only the in-memory backend of the proxy supports it.
+  // code 0 clears. A proxy started without --enable-test-ops refuses it (-1).
   int InjectFault(std::uint16_t op, int code, std::uint32_t count);
 
  protected:
