@@ -54,8 +54,12 @@ class IRouteBackend {
   // changed runs (from the loop) whenever routes of ours may have gone
   // behind the proxy's back or may be installable again: a route of ours
   // deleted by somebody else, a link or an address that came or went, lost
-  // notifications. A backend without notifications never calls it.
-  virtual void Watch(std::function<void()> changed) { (void)changed; }
+  // notifications. False when the backend has no notifications (then it
+  // never calls changed).
+  virtual bool Watch(std::function<void()> changed) {
+    (void)changed;
+    return false;
+  }
 };
 
 }  // namespace halproxy

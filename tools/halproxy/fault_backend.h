@@ -24,7 +24,7 @@ class cFaultBackend : public IRouteBackend {
                    std::vector<cResult>& results) override;
   cResult Remove(cRoute const& route) override;
   cResult List(std::vector<cTableRoute>& routes) override { return m_inner.List(routes); }
-  void Watch(std::function<void()> changed) override { m_inner.Watch(std::move(changed)); }
+  bool Watch(std::function<void()> changed) override { return m_inner.Watch(std::move(changed)); }
 
  private:
   struct cFault {

@@ -30,13 +30,15 @@ class cRouteKeeper {
 
   // Installs routes as one batch; results[i] answers routes[i]. A route that
   // is already there is left alone.
-  void Configure(std::vector<cRoute> const& routes, std::vector<cResult>& results);
+  void Configure(std::vector<cRoute> const& routes, std::vector<cResult>& results,
+                 void const* connection = nullptr);
   // Removes our first route to route's destination and prefix of its type,
   // via its gateway unless that is 0. Nothing to remove is success.
   cResult Remove(cRoute const& route);
   // Default gateways do not replace each other: any number with equal
   // metrics; a new metric for a gateway replaces its old route (new first).
-  cResult ConfigureDefault(std::uint32_t gateway, std::uint32_t metric);
+  cResult ConfigureDefault(std::uint32_t gateway, std::uint32_t metric,
+                           void const* connection = nullptr);
   cResult RemoveDefault(std::uint32_t gateway);
   cResult ListOurs(std::vector<std::string>& lines);
 
@@ -46,21 +48,29 @@ class cRouteKeeper {
   void RefreshEnd(void const* connection);
   void Closed(void const* connection);
 
-  // Installs again what the proxy owes and the table lacks.
+  // Installs again what the proxy owes and the table lacks: what was asked
+  // for over a connection that is still open.
   void Restore();
   // Routes of ours already in the table (from an earlier run); they are
   // swept like any other unless the daemon asks for them.
   std::size_t CountOurs();
+  // The table may have changed behind the proxy's back: the next call reads
+  // it afresh. notified: whether the backend reports such changes at all;
+  // if not, every refresh reads the table afresh.
+  void Invalidate() { m_loaded = false; }
+  void SetNotified(bool notified) { m_notified = notified; }
 
  private:
   using cKey = std::tuple<std::uint32_t, std::uint8_t, std::uint32_t>;  // dst, prefix, metric
   struct cWant {
     cRoute route;
     std::uint64_t stamp;  // the refresh during (or before) which it was last asked for
+    void const* by;       // the connection that asked last; null once it closed
   };
   struct cDefault {
     std::uint32_t metric;
     std::uint64_t stamp;
+    void const* by;
   };
   static cKey KeyOf(cRoute const& r) { return cKey{r.dst, r.prefixLen, r.metric}; }
   std::uint64_t Stamp() const { return m_completed + 1; }
@@ -69,7 +79,16 @@ class cRouteKeeper {
   bool Owed(cRoute const& have, std::uint64_t after) const;
   bool WantedRoute(cRoute const& have, std::uint64_t after) const;
   void Sweep(std::uint64_t upTo);
-  cResult ListTable();  // into m_table
+  // The table as the proxy knows it: read from the backend when it may have
+  // changed behind the proxy's back, otherwise kept up to date with the
+  // proxy's own changes, so a request costs no dump of the whole table.
+  cResult Load();
+  void Installed(cRoute const& route, IRouteBackend::eInstall how);
+  void Removed(cRoute const& route);
+  cResult RemoveRoute(cRoute const& route);  // from the backend and the copy
+  using cTable = std::multimap<cKey, cTableRoute>;  // by key, in order of arrival within one
+  // The entries of destination dst/prefix, whatever their metric.
+  std::pair<cTable::iterator, cTable::iterator> Prefix(std::uint32_t dst, std::uint8_t prefixLen);
 
   IRouteBackend& m_backend;
   unsigned m_keep;
@@ -80,7 +99,12 @@ class cRouteKeeper {
   bool m_hasDaemon = false;
   void const* m_daemon = nullptr;
   bool m_inRefresh = false;
-  std::vector<cTableRoute> m_table;  // reused by every call
+  // Connections are told apart by identity; a closed one's wants keep this.
+  static constexpr char kGone = 0;
+  std::vector<cTableRoute> m_listed;  // reused by every read
+  cTable m_table;
+  bool m_loaded = false;
+  bool m_notified = false;
   std::vector<cRoute> m_toInstall;
   std::vector<std::size_t> m_toInstallAt;
   std::vector<cResult> m_installed;

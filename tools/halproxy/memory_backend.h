@@ -20,7 +20,10 @@ class cMemoryBackend : public IRouteBackend {
   cResult Install(cRoute const& route, eInstall how) override;
   cResult Remove(cRoute const& route) override;
   cResult List(std::vector<cTableRoute>& routes) override;
-  void Watch(std::function<void()> changed) override { m_changed = std::move(changed); }
+  bool Watch(std::function<void()> changed) override {
+    m_changed = std::move(changed);
+    return true;
+  }
 
   // What other parties do to the table (tests): a route that the proxy did
   // not install, added after those of its key; routes deleted behind the

@@ -1,6 +1,8 @@
 #include "netlink_backend.h"
 
+#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
+#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -12,6 +14,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 
@@ -346,13 +349,27 @@ void cNetlinkBackend::OpenEvents() {
   }
   int room = kRecvRoom;
   setsockopt(mnl_socket_get_fd(m_events), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  // Our own changes come back as notifications too, one per route: the
+  // kernel drops them before they are queued (the port in the header is the
+  // requester's; the kernel sends one message per notification datagram),
+  // so a refresh of many routes costs no wake-ups and cannot overrun us.
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(nlmsghdr, nlmsg_pid)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(mnl_socket_get_portid(m_nl)), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),
+  };
+  sock_fprog prog{static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  // Without it we only read and skip them.
+  setsockopt(mnl_socket_get_fd(m_events), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
 }
 
-void cNetlinkBackend::Watch(std::function<void()> changed) {
+bool cNetlinkBackend::Watch(std::function<void()> changed) {
   m_changed = std::move(changed);
-  if (m_events == nullptr || m_watching) return;
+  if (m_events == nullptr || m_watching) return m_watching;
   m_watching = kest::Loop().WatchFd(mnl_socket_get_fd(m_events), EPOLLIN,
                                     [this](std::uint32_t) { ReadNotifications(); });
+  return m_watching;
 }
 
 void cNetlinkBackend::ReadNotifications() {
@@ -374,7 +391,7 @@ void cNetlinkBackend::ReadNotifications() {
                                 malformed)) {
       HALPROXY_LOG(kLevelWarning, "malformed kernel notification: %s", malformed.c_str());
     }
-    changed = changed || news.oursGone || news.linkChanged;
+    changed = changed || news.oursGone || news.othersChanged || news.linkChanged;
   }
   if (changed && m_changed) m_changed();
 }

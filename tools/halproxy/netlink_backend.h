@@ -31,7 +31,7 @@ class cNetlinkBackend : public IRouteBackend {
   cResult List(std::vector<cTableRoute>& routes) override;
   // Listens to the kernel's link, address and route notifications on a
   // socket of their own, watched by the process's loop.
-  void Watch(std::function<void()> changed) override;
+  bool Watch(std::function<void()> changed) override;
 
  private:
   // Sends msg and reads its answer. dump collects the route messages of a dump.

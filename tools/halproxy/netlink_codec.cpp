@@ -272,12 +272,15 @@ bool ParseNotifications(const std::uint8_t* data, std::size_t len, std::uint32_t
           case RTM_DELADDR:
             news.linkChanged = true;
             break;
+          case RTM_NEWROUTE:
           case RTM_DELROUTE: {
             cNlRoute r;
-            if (h.nlmsg_pid != ownPort && ParseRoute(payload, plen, r) &&
-                r.protocol == kRouteProtocol && r.table == RT_TABLE_MAIN) {
-              news.oursGone = true;
+            if (h.nlmsg_pid == ownPort || !ParseRoute(payload, plen, r) ||
+                r.table != RT_TABLE_MAIN) {
+              break;
             }
+            bool const ours = h.nlmsg_type == RTM_DELROUTE && r.protocol == kRouteProtocol;
+            (ours ? news.oursGone : news.othersChanged) = true;
             break;
           }
           default:

@@ -77,6 +77,7 @@ bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq
 // its own changes through, whose notifications say nothing new.
 struct cNlNews {
   bool oursGone = false;      // a route of our protocol in the main table was deleted
+  bool othersChanged = false; // another route of the main table came, went or was replaced
   bool linkChanged = false;   // a link or an address came, went or changed state
 };
 // False when the datagram is malformed, with what in malformed; what was

@@ -57,7 +57,10 @@ constexpr std::uint64_t kRestoreGapMs = 50;
 cHalProxy::cHalProxy(IRouteBackend& backend, eUnavailable unavailable, unsigned keepRefreshes,
                      cFaultBackend* faults)
     : m_keeper(backend, keepRefreshes), m_faults(faults), m_unavailable(unavailable) {
-  backend.Watch([this] { ScheduleRestore(); });
+  m_keeper.SetNotified(backend.Watch([this] {
+    m_keeper.Invalidate();
+    ScheduleRestore();
+  }));
 }
 
 cHalProxy::~cHalProxy() {
@@ -104,13 +107,14 @@ int cHalProxy::RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& 
   return 1;
 }
 
-int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
+int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail,
+                            void const* connection) {
   cRoute route;
   int rc = RouteOf(req, route, detail);
   if (rc <= 0) return rc;
   cResult result;
   if (req.op == hal::halop::kConfigureIPGateway) {
-    m_keeper.Configure({route}, m_results);
+    m_keeper.Configure({route}, m_results, connection);
     result = m_results.front();
   } else {
     result = m_keeper.Remove(route);
@@ -119,7 +123,8 @@ int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
   return result.code;
 }
 
-int cHalProxy::DefaultRequest(hal::cHalRequest const& req, std::string& detail) {
+int cHalProxy::DefaultRequest(hal::cHalRequest const& req, std::string& detail,
+                              void const* connection) {
   std::uint32_t gateway = 0;
   if (!ParseAddress("gateway", req.gateway, gateway, detail)) return -EINVAL;
   if (gateway == 0) {
@@ -127,7 +132,7 @@ int cHalProxy::DefaultRequest(hal::cHalRequest const& req, std::string& detail) 
     return -EINVAL;
   }
   cResult result = req.op == hal::halop::kConfigureIpDefaultGateway
-                       ? m_keeper.ConfigureDefault(gateway, req.metric)
+                       ? m_keeper.ConfigureDefault(gateway, req.metric, connection)
                        : m_keeper.RemoveDefault(gateway);
   detail = result.detail;
   return result.code;
@@ -157,10 +162,10 @@ int cHalProxy::Execute(hal::cHalRequest const& req, std::vector<std::string>& li
   switch (req.op) {
     case hal::halop::kConfigureIPGateway:
     case hal::halop::kRemoveIPGateway:
-      return RouteRequest(req, detail);
+      return RouteRequest(req, detail, connection);
     case hal::halop::kConfigureIpDefaultGateway:
     case hal::halop::kRemoveIPDefaultGateway:
-      return DefaultRequest(req, detail);
+      return DefaultRequest(req, detail, connection);
     case hal::halop::kRefreshStart:
       m_keeper.RefreshStart(connection);
       return 0;
@@ -233,7 +238,7 @@ void cHalProxy::OnFramesDone(kest::cChannel* channel) { FlushPending(channel); }
 
 void cHalProxy::FlushPending(kest::cChannel* channel) {
   if (m_pending.empty()) return;
-  m_keeper.Configure(m_pendingRoutes, m_results);
+  m_keeper.Configure(m_pendingRoutes, m_results, channel);
   static std::vector<std::string> const none;
   for (std::size_t i = 0; i < m_pending.size(); ++i) {
     Log(m_pending[i].req, m_results[i].code, m_results[i].detail);

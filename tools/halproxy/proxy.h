@@ -61,11 +61,11 @@ class cHalProxy : public kest::IServerHandler {
   // 1 with the route a route request stands for, 0 when there is nothing to
   // do (detail says why), or a negative errno.
   int RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& detail);
-  int RouteRequest(hal::cHalRequest const& req, std::string& detail);
+  int RouteRequest(hal::cHalRequest const& req, std::string& detail, void const* connection);
   void FlushPending(kest::cChannel* channel);
   void Answer(kest::cChannel* channel, std::uint32_t id, std::uint16_t op, int rc,
               std::vector<std::string> const& lines);
-  int DefaultRequest(hal::cHalRequest const& req, std::string& detail);
+  int DefaultRequest(hal::cHalRequest const& req, std::string& detail, void const* connection);
   int FaultRequest(hal::cHalRequest const& req, std::string& detail);
   void Log(hal::cHalRequest const& req, int rc, std::string const& detail);
   // Restoration after the kernel's notifications: coalesced into one pass,
