@@ -58,6 +58,7 @@ cHalProxy::cHalProxy(IRouteBackend& backend, eUnavailable unavailable, unsigned 
                      cFaultBackend* faults)
     : m_keeper(backend, keepRefreshes), m_faults(faults), m_unavailable(unavailable) {
   m_keeper.SetNotified(backend.Watch([this] {
+    HALPROXY_LOG(kLevelDebug, "the table changed behind our back: reading it again");
     m_keeper.Invalidate();
     ScheduleRestore();
   }));
