@@ -282,6 +282,42 @@ done
 LAT1_P50=$(median <"$WORK/lat1-p50"); LAT1_P99=$(median <"$WORK/lat1-p99")
 LAT16_P50=$(median <"$WORK/lat16-p50"); LAT16_P99=$(median <"$WORK/lat16-p99")
 
+# --- restoration --------------------------------------------------------------------
+# A client holds NX routes through bench0; they are taken from the kernel
+# behind the proxy's back, by `ip route flush proto 200` and by taking the
+# link down and up, and the time until all are back is measured. Before
+# halproxy listened to the kernel's notifications they came back with the
+# next refresh: on average half a period plus the refresh itself (the
+# reference).
+NX=${REFRESH_N%% *}
+say "restoration: N=$NX, $REPEATS x after a flush and after a link flap"
+# restore_run TAG COMMAND...: the milliseconds until the routes are back, appended to restore-TAG.txt
+restore_run() {
+  local tag=$1 want t0; shift
+  want=$(count_custom)
+  t0=$(now_ns)
+  "$@"
+  while [ "$(count_custom)" -lt "$want" ]; do
+    [ $(( $(now_ns) - t0 )) -lt 20000000000 ] || die "restoration after $tag: not within 20 s"
+  done
+  echo $(( ($(now_ns) - t0) / 1000 )) >>"$WORK/restore-$tag.txt"
+}
+: >"$WORK/restore-flush.txt"; : >"$WORK/restore-flap.txt"
+rm -f "$WORK/set.out" "$WORK/release"
+"$IP" netns exec "$NS" "$RMBENCH" set -s "$ROUTE" -n "$NX" --out "$WORK/set.out" --hold-until "$WORK/release" &
+SETPID=$!
+while [ ! -f "$WORK/set.out" ]; do kill -0 "$SETPID" 2>/dev/null || die "rmbench set died"; sleep 0.01; done
+for _ in $(seq 1 "$REPEATS"); do
+  restore_run flush "$IP" -n "$NS" route flush proto 200
+  restore_run flap sh -c "'$IP' -n '$NS' link set bench0 down && '$IP' -n '$NS' link set bench0 up"
+done
+touch "$WORK/release"
+wait "$SETPID" || die "routes failed: $(cat "$WORK/set.out")"
+settle "$ROUTE"
+RESTORE_FLUSH_MS=$(awk '{ print $1 / 1000 }' "$WORK/restore-flush.txt" | median)
+RESTORE_FLAP_MS=$(awk '{ print $1 / 1000 }' "$WORK/restore-flap.txt" | median)
+RESTORE_REF_MS=$(calc "$REFRESH_PERIOD_S * 1000 / 2 + ${REFRESH_MS[$NX]}")
+
 # --- throughput with the HAL proxy on a Unix socket ---------------------------------
 # A second daemon whose HAL client goes to the Unix-socket proxy; the first
 # one is stopped so that its refreshes do not interfere.
@@ -345,6 +381,10 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     printf '%-44s %14.1f %14.1f %8.3f  %s\n' "refresh N=$n M=$M (ms; ref ip -batch replace)" \
       "${REFRESH_MS[$n]}" "${REFRESH_REF_MS[$n]}" "${REFRESH_RATIO[$n]}" "$bar"
   done
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "restored after flush proto 200, N=$NX (ms; ref *)" \
+    "$RESTORE_FLUSH_MS" "$RESTORE_REF_MS" "$(calc "$RESTORE_FLUSH_MS / $RESTORE_REF_MS")" ""
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "restored after a link flap, N=$NX (ms; ref *)" \
+    "$RESTORE_FLAP_MS" "$RESTORE_REF_MS" "$(calc "$RESTORE_FLAP_MS / $RESTORE_REF_MS")" ""
   printf '%-44s %14.1f %14.1f %8.3f  %s\n' "refresh N=$NR, HAL on a Unix socket (ms)" \
     "$UNIX_MS" "$UNIX_REF_MS" "$UNIX_RATIO" ""
   printf '%-44s %13.2f%% %13.2f%% %8s  %s\n' "refresh N=$NR every ${REFRESH_PERIOD_S} s: core share (+halproxy)" \
@@ -364,6 +404,8 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     "<= 400: $(verdict "$BPR <= 400")"
   printf '%-44s %14.1f %14.1f %8.3f  %s\n' "start to route server ready (ms; ref halproxy)" \
     "$(calc "$START_US / 1000")" "$(calc "$START_REF_US / 1000")" "$START_RATIO" ""
+  printf '\n* restoration: half a refresh period plus the refresh, the mean wait before halproxy\n'
+  printf '  put lost routes back itself\n'
   printf '\n* the refresh it waited behind (%.1f ms) plus the longest wait of a command outside\n' "$WAIT_REFRESH_MS"
   printf '  refreshes (%.1f ms, its own turn); commands that waited across two refreshes: %s\n' \
     "$WAIT_OUTSIDE_MS" "$WAIT_BEHIND_TWO"
@@ -409,6 +451,10 @@ jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
     "$NR" "$PROBED" "$WAIT_MAX_MS" "$WAIT_REFRESH_MS" "$WAIT_RATIO"
   printf '     "max_wait_outside_refresh_ms": %s, "bound_ms": %s, "max_wait_over_bound": %s, "commands_behind_two_refreshes": %s},\n' \
     "$WAIT_OUTSIDE_MS" "$WAIT_BOUND_MS" "$WAIT_OVER_BOUND" "$WAIT_BEHIND_TWO"
+  printf '  "restoration_ms": {"n": %s, "after_flush": %s, "after_link_flap": %s, "refresh_bound_reference": %s,\n' \
+    "$NX" "$RESTORE_FLUSH_MS" "$RESTORE_FLAP_MS" "$RESTORE_REF_MS"
+  printf '     "flush_runs_us": %s, "flap_runs_us": %s},\n' "$(jlist <"$WORK/restore-flush.txt")" \
+    "$(jlist <"$WORK/restore-flap.txt")"
   printf '  "latency_us": {"one_client": {"p50": %s, "p99": %s}, "sixteen_clients": {"p50": %s, "p99": %s}, "p99_16_over_p50_1": %s},\n' \
     "$LAT1_P50" "$LAT1_P99" "$LAT16_P50" "$LAT16_P99" "$LAT_RATIO"
   printf '  "memory_kib": {"idle_rss": %s, "idle_hwm": %s' "$RSS_IDLE_KB" "$HWM_IDLE_KB"

@@ -1,5 +1,7 @@
 #include "hal/hal_client.h"
 
+#include <algorithm>
+
 #include "hal/hal_errors.h"
 #include "hal/hal_protocol.h"
 #include "kest/message.h"
@@ -12,6 +14,8 @@ namespace {
 
 char const* const kModule = "HAL";
 char const* const kLevelError = "002";
+char const* const kLevelInfo = "005";
+char const* const kLevelDebug = "007";
 
 }  // namespace
 
@@ -34,6 +38,7 @@ int cHalClient::Call(cHalRequest const& req) {
     return halerr::kProtocol;
   }
   if (m_batching) {
+    ++m_batchRequests;
     int rc = Post(req.op, body);
     if (rc != 0) ++m_batchFailures;
     return rc;
@@ -53,17 +58,47 @@ int cHalClient::Call(cHalRequest const& req) {
 void cHalClient::BeginBatch() {
   m_batching = true;
   m_batchFailures = 0;
+  m_batchRequests = 0;
+  // A redirect sees only the route operations; a proxy that is not there
+  // gets no mark, and the end mark then has nothing to close.
+  m_marked = m_redirect == nullptr && IsConnected() && PostMark(halop::kRefreshStart);
 }
 
 unsigned cHalClient::EndBatch() {
+  if (m_marked && IsConnected()) PostMark(halop::kRefreshEnd);
+  m_marked = false;
   m_batching = false;
   Collect();  // a failure is traced there and its requests counted as lost
   unsigned failures = m_batchFailures;
   m_batchFailures = 0;
+  LogBatch(failures);
   return failures;
 }
 
+bool cHalClient::PostMark(std::uint16_t op) {
+  kest::cSerializeBuffer body;
+  if (Post(op, body) != 0) return false;
+  ++m_marksDue;
+  return true;
+}
+
+void cHalClient::LogBatch(unsigned failures) {
+  // A route that keeps failing fails again every refresh: say so when the
+  // count changes, not every 5 s.
+  bool const changed = failures != m_lastBatchFailures;
+  m_lastBatchFailures = failures;
+  if (failures == 0 && !changed) return;
+  KEST_TRACE(kModule, changed ? kLevelInfo : kLevelDebug, "refresh: %u of %u requests failed",
+             failures, m_batchRequests);
+}
+
 void cHalClient::OnPostedReply(kest::cFrame& frame) {
+  if (frame.op == halop::kRefreshStart || frame.op == halop::kRefreshEnd) {
+    // Marks are the proxy's business: a proxy without them answers
+    // EOPNOTSUPP, which costs nothing.
+    if (m_marksDue > 0) --m_marksDue;
+    return;
+  }
   int result = 0;
   std::string error;
   if (!DecodeResult(frame.body, result, error)) {
@@ -76,7 +111,9 @@ void cHalClient::OnPostedReply(kest::cFrame& frame) {
 }
 
 void cHalClient::OnPostedLost(std::size_t count) {
-  m_batchFailures += static_cast<unsigned>(count);
+  std::size_t const marks = std::min<std::size_t>(count, m_marksDue);
+  m_marksDue -= marks;
+  m_batchFailures += static_cast<unsigned>(count - marks);
 }
 
 int cHalClient::ConfigureIPGateway(std::string const& network, std::string const& netmask,

@@ -57,6 +57,9 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // sent), which saves a round trip per request and lets the proxy hand the
   // kernel many routes at once. EndBatch waits for every answer and returns
   // how many were not 0 or never came. A redirect sees the calls as usual.
+  // A batch is a complete statement of what the caller wants (the refresh):
+  // it goes to the proxy between RefreshStart and RefreshEnd marks, so the
+  // proxy can remove what it installed earlier and nobody wants any more.
   void BeginBatch();
   unsigned EndBatch();
 
@@ -67,7 +70,7 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // The proxy's table as readable lines; the result as for the route operations.
   int ListRoutes(std::vector<std::string>& lines);
   // The next count requests of op (0 = all until cleared) answer code;
-  // code 0 clears. Only the in-memory backend of the proxy supports it.
+  // code 0 clears. A proxy started without --enable-test-ops refuses it (-1).
   int InjectFault(std::uint16_t op, int code, std::uint32_t count);
 
  protected:
@@ -77,11 +80,17 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
 
  private:
   int Call(cHalRequest const& req);
+  bool PostMark(std::uint16_t op);
+  void LogBatch(unsigned failures);
 
   [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
   bool m_batching = false;
   unsigned m_batchFailures = 0;
+  unsigned m_batchRequests = 0;
+  unsigned m_lastBatchFailures = 0;
+  bool m_marked = false;       // this batch began with a RefreshStart mark
+  std::size_t m_marksDue = 0;  // marks posted and not yet answered
 };
 
 // Nothing to set up or tear down; kept for the library's start/stop contract.

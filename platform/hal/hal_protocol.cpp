@@ -11,6 +11,8 @@ char const* Name(std::uint16_t op) {
     case kRemoveIPGateway: return "RemoveIPGateway";
     case kConfigureIpDefaultGateway: return "ConfigureIpDefaultGateway";
     case kRemoveIPDefaultGateway: return "RemoveIPDefaultGateway";
+    case kRefreshStart: return "RefreshStart";
+    case kRefreshEnd: return "RefreshEnd";
     case kListRoutes: return "ListRoutes";
     case kInjectFault: return "InjectFault";
     default: return nullptr;
@@ -113,6 +115,8 @@ bool EncodeRequest(cHalRequest const& req, kest::cSerializeBuffer& body) {
     case halop::kRemoveIPDefaultGateway:
       w.Str(req.gateway);
       break;
+    case halop::kRefreshStart:
+    case halop::kRefreshEnd:
     case halop::kListRoutes:
       break;
     case halop::kInjectFault:
@@ -154,6 +158,8 @@ bool DecodeRequest(std::uint16_t op, kest::cSerializeBuffer& body, cHalRequest& 
     case halop::kRemoveIPDefaultGateway:
       r.Str("gateway", req.gateway);
       break;
+    case halop::kRefreshStart:
+    case halop::kRefreshEnd:
     case halop::kListRoutes:
       break;
     case halop::kInjectFault: {

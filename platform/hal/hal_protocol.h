@@ -21,6 +21,11 @@ constexpr std::uint16_t kConfigureIPGateway = 1;
 constexpr std::uint16_t kRemoveIPGateway = 2;
 constexpr std::uint16_t kConfigureIpDefaultGateway = 3;
 constexpr std::uint16_t kRemoveIPDefaultGateway = 4;
+// Marks around a complete refresh: the requests between them are everything
+// the route manager wants, so the proxy may remove what it installed and was
+// not asked for again (the HAL client sends them around its batch).
+constexpr std::uint16_t kRefreshStart = 5;
+constexpr std::uint16_t kRefreshEnd = 6;
 // Tooling operations, for tests and diagnostics: not used by the daemon.
 constexpr std::uint16_t kListRoutes = 16;
 constexpr std::uint16_t kInjectFault = 17;

@@ -47,7 +47,9 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   ip.pop_back();  // the newline
   cNetns ns;
   if (!ns.error.empty()) GTEST_SKIP() << "cannot set up network namespaces here: " << ns.error;
-  cStack stack({{ip, "netns", "exec", ns.router}, {"--backend=netlink"}, {}, {}});
+  // Orphans go after one refresh that does not ask for them, so the test
+  // waits two refreshes, not four.
+  cStack stack({{ip, "netns", "exec", ns.router}, {"--backend=netlink", "--sweep-after=1"}, {}, {}});
   ASSERT_TRUE(stack.Start());
   EXPECT_TRUE(ns.Wait("192.168.50.0/24 via 192.168.1.254 dev eth1"));
 
@@ -57,11 +59,22 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   EXPECT_EQ(r.out, "ok\nok\n") << r.err;
   EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1"));
   EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0"));
-  // Routes lost behind the daemon's back come back with the next refresh.
+  // Routes lost behind the daemon's back, deleted by hand or with their
+  // link, come back at once, not with the next refresh.
   Shell("ip -n " + ns.router + " route del 172.16.0.0/12; ip -n " + ns.router +
         " route del default");
-  EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0", false, 7000));
-  EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1"));
+  EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0", false, 1000));
+  EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1", false, 1000));
+  Shell("ip -n " + ns.router + " link set wwan0 down; ip -n " + ns.router + " link set wwan0 up");
+  EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0", false, 1000));
+  EXPECT_TRUE(stack.hal->WaitForLog("restored 172.16.0.0/12 via 10.64.0.1 dev wwan0"));
+
+  // A custom route for the prefix of a connected route is refused, and the
+  // connected route stays through the client's life and after it.
+  std::string const connected = "192.168.1.0/24 dev eth1 proto kernel";
+  r = stack.Routectl({"route", "set", "conn", "192.168.1.0/24", "via", "10.64.0.1", "dev", "wwan0"});
+  EXPECT_EQ(r.out, "rc=-98 Address already in use\n") << r.err;
+  EXPECT_TRUE(ns.Wait(connected));
 
   auto held = stack.SpawnRoutectl(
       {"--hold", "-b",
@@ -74,6 +87,37 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   r = stack.Routectl({"route", "set", "x", "10.99.0.0/16", "via", "192.168.1.1", "dev", "nosuch0"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "rc=-19 No such device\n");
+
+  // Orphans: a default gateway replaced under its tag, a client holding
+  // routes that is gone with a killed routemgr, the routes of a WAN setup
+  // that a restarted datamgr no longer has in force. They converge within
+  // two refreshes of the restarted daemon, and what is still wanted (the
+  // configured route of setup dsl) never disappears meanwhile.
+  r = stack.Datactl({"set-wan-setup", "fibre"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  held = stack.SpawnRoutectl({"--hold", "-b", stack.Write("orphans",
+      "route set o1 10.71.0.0/16 via 192.168.1.254 dev eth1\n"
+      "gateway set wired 192.168.1.253 dev eth1 type default metric 5\n")});
+  EXPECT_TRUE(ns.Wait("10.71.0.0/16"));
+  EXPECT_TRUE(ns.Wait("10.10.0.0/16 via 192.168.1.253"));
+  stack.route->Signal(SIGKILL);
+  stack.data->Signal(SIGKILL);
+  ASSERT_TRUE(stack.route->WaitExit() && stack.data->WaitExit());
+  ASSERT_TRUE(stack.StartDataMgr());
+  ASSERT_TRUE(stack.StartRouteMgr());
+  EXPECT_TRUE(ns.Wait("192.168.50.0/24 via 192.168.1.254"));
+  std::string routes;
+  bool wantedStayed = true;
+  auto converged = [&] {
+    routes = "\n" + Shell("ip -n " + ns.router + " route");
+    wantedStayed = wantedStayed && routes.find("\n192.168.50.0/24 via 192.168.1.254") != std::string::npos;
+    for (char const* orphan : {"\n10.71.0.0/16", "\n10.10.0.0/16", "\ndefault", "\n172.16.0.0/12"})
+      if (routes.find(orphan) != std::string::npos) return false;
+    return true;
+  };
+  EXPECT_TRUE(PollUntil(converged, 3 * 5000)) << routes;
+  EXPECT_TRUE(wantedStayed) << routes;
+  EXPECT_NE(routes.find("\n" + connected), std::string::npos) << routes;
 }
 
 }  // namespace

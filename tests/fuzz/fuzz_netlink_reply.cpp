@@ -1,5 +1,5 @@
-// halproxy's rtnetlink reply parsers (one request's answer, a batch's acks)
-// on arbitrary datagrams, as whatever answers on the netlink socket sends
+// halproxy's rtnetlink parsers (one request's answer, a batch's acks, the
+// kernel's notifications) on arbitrary datagrams, as whatever answers on the netlink socket sends
 // them. Bytes 0..3: the sequence number of the request being answered (LE);
 // the rest is one datagram.
 #include "fuzz_check.h"
@@ -34,5 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(ack.seq - (seq - 8) < 16);
     FUZZ_CHECK(ack.error <= 0);
   }
+  // The same datagram as kernel notifications, the first bytes naming our port.
+  nl::cNlNews news;
+  if (!nl::ParseNotifications(datagram, len, seq, news, malformed)) FUZZ_CHECK(!malformed.empty());
   return 0;
 }

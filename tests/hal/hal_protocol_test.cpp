@@ -15,6 +15,8 @@ std::vector<cHalRequest> Samples() {
           {halop::kRemoveIPGateway, "10.1.0.0", "255.255.0.0", "192.168.1.1", "", "", 0, false},
           {halop::kConfigureIpDefaultGateway, "", "", "10.0.0.1", "", "", 5, true},
           {halop::kRemoveIPDefaultGateway, "", "", std::string("odd\0text", 8), "", "", 0, true},
+          {halop::kRefreshStart, "", "", "", "", "", 0, true},
+          {halop::kRefreshEnd, "", "", "", "", "", 0, true},
           {halop::kListRoutes, "", "", "", "", "", 0, true},
           {halop::kInjectFault, "", "", "", "", "", 0, true, halop::kRemoveIPGateway, -101, 2}};
 }

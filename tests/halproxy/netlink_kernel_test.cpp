@@ -15,6 +15,7 @@
 #include "netlink_backend.h"
 #include "netlink_codec.h"
 #include "proxy_process.h"
+#include "semantics.h"
 
 namespace halproxy_test {
 namespace {
@@ -71,8 +72,13 @@ class NetlinkKernel : public ::testing::Test {
   // The backend in this process: its sockets stay in the namespace they
   // were opened in, so only Open runs there.
   ::testing::AssertionResult OpenInNamespace(halproxy::cNetlinkBackend& backend) {
+    return OpenIn(m_ns, backend);
+  }
+
+ public:
+  ::testing::AssertionResult OpenIn(std::string const& name, halproxy::cNetlinkBackend& backend) {
     int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-    int ns = open(("/run/netns/" + m_ns).c_str(), O_RDONLY | O_CLOEXEC);
+    int ns = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
     std::string error = "cannot enter the namespace";
     bool opened = false;
     if (self >= 0 && ns >= 0 && setns(ns, CLONE_NEWNET) == 0) {
@@ -85,6 +91,7 @@ class NetlinkKernel : public ::testing::Test {
     return ::testing::AssertionFailure() << error;
   }
 
+ protected:
   std::string const m_ns = "rmhal-" + std::to_string(getpid());
   cProxyProcess m_proxy;
 };
@@ -163,14 +170,18 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
       Route("10.1.0.0", 16, kGw0, "veth0", 0, "192.0.2.2"), Route("10.2.0.0", 16, kGw1, "", 7),
       Route("10.3.0.0", 16, kGw0, "eth9"), Route("10.4.0.0", 16, "203.0.113.1"),
       Route("10.5.0.0", 16, kGw0, "veth0")};
-  std::vector<int> results;
-  std::vector<std::string> details;
-  backend.ConfigureRoutes(routes, results, details);
-  EXPECT_EQ((std::vector<int>{0, 0, -ENODEV, -ENETUNREACH, 0}), results);
-  ASSERT_EQ(5u, details.size());
-  EXPECT_EQ("no interface 'eth9'", details[2]);
-  EXPECT_NE("", details[3]);  // the kernel's own reason
-  EXPECT_EQ((std::vector<std::string>{"", "", details[2], details[3], ""}), details);
+  std::vector<halproxy::cResult> results;
+  auto const codes = [&results] {
+    std::vector<int> out;
+    for (auto const& r : results) out.push_back(r.code);
+    return out;
+  };
+  backend.InstallMany(routes, halproxy::IRouteBackend::eInstall::kReplace, results);
+  EXPECT_EQ((std::vector<int>{0, 0, -ENODEV, -ENETUNREACH, 0}), codes());
+  ASSERT_EQ(5u, results.size());
+  EXPECT_EQ("no interface 'eth9'", results[2].detail);
+  EXPECT_NE("", results[3].detail);  // the kernel's own reason
+  EXPECT_EQ("", results[4].detail);
   EXPECT_EQ((Lines{"10.1.0.0/16 via 192.0.2.1 dev veth0 src 192.0.2.2",
                    "10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7",
                    "10.5.0.0/16 via 192.0.2.1 dev veth0"}),
@@ -183,28 +194,57 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
     routes.push_back(Route(("10.100." + std::to_string(i % 250) + ".0").c_str(), 24,
                            "203.0.113.1", "", i / 250));
   routes.push_back(Route("10.6.0.0", 16, kGw1));
-  backend.ConfigureRoutes(routes, results, details);
+  backend.InstallMany(routes, halproxy::IRouteBackend::eInstall::kReplace, results);
   ASSERT_EQ(routes.size(), results.size());
   std::vector<int> expected(routes.size(), -ENETUNREACH);
   expected.back() = 0;
-  EXPECT_EQ(expected, results);
+  EXPECT_EQ(expected, codes());
   EXPECT_EQ(4u, Table().size());
 }
 
-TEST_F(NetlinkKernel, UnavailableGatewayCanLeaveAnUnreachableRoute) {
-  StartProxy("unreachable");
-  ASSERT_EQ(0, Set("10.9.0.0", "0.0.0.0", "", 0, false));
-  ASSERT_EQ(0, Set("10.9.0.0", "0.0.0.0", "", 0, false));
-  EXPECT_EQ(Lines{"unreachable 10.9.0.0/16"}, Table());
-  // The gateway comes back: the real route takes the unreachable one's place.
-  ASSERT_EQ(0, Set("10.9.0.0", kGw0, "veth0"));
-  EXPECT_EQ(Lines{"10.9.0.0/16 via 192.0.2.1 dev veth0"}, Table());
-  // And goes again, as the daemon brackets it: removal, then the unavailable set.
-  ASSERT_EQ(0, Del("10.9.0.0", kGw0));
-  ASSERT_EQ(0, Set("10.9.0.0", "0.0.0.0", "", 0, false));
-  EXPECT_EQ(Lines{"unreachable 10.9.0.0/16"}, Table());
-  ASSERT_EQ(0, Del("10.9.0.0", "0.0.0.0", false));
-  EXPECT_EQ(Lines{}, Table());
+// The semantics table of the memory backend, on the kernel: each case in a
+// fresh namespace, the backend in this process with its sockets in there.
+class cKernelWorld : public halproxy_semantics::IWorld {
+ public:
+  explicit cKernelWorld(NetlinkKernel& test) : m_test(test) {}
+  ~cKernelWorld() override { Sh("ip netns del " + m_ns + " 2>/dev/null"); }
+  bool Open() {
+    if (Sh("ip netns add " + m_ns) != 0) return false;
+    for (std::string cmd :
+         {"link add veth0 type veth peer name veth1", "link set veth0 up", "link set veth1 up",
+          "addr add 192.0.2.2/24 dev veth0", "addr add 198.51.100.2/24 dev veth1"})
+      if (Sh("ip -n " + m_ns + " " + cmd) != 0) return false;
+    return m_test.OpenIn(m_ns, m_backend);
+  }
+  halproxy::IRouteBackend& Backend() override { return m_backend; }
+  void Do(std::string const& action) override {
+    std::istringstream in(action);
+    std::string what, arg, rest;
+    in >> what >> arg;
+    std::getline(in, rest);
+    std::string cmd = what == "up" || what == "down" ? "link set " + arg + " " + what
+                      : what == "foreign"            ? "route add " + arg + rest + " proto static"
+                                          : "route del " + arg + " proto " +
+                                                std::to_string(nl::kRouteProtocol);
+    EXPECT_EQ(0, Sh("ip -n " + m_ns + " " + cmd)) << cmd;
+  }
+
+ private:
+  static int Sh(std::string const& cmd) { return std::system(cmd.c_str()); }
+  NetlinkKernel& m_test;
+  std::string const m_ns = "rmsem-" + std::to_string(getpid());
+  halproxy::cNetlinkBackend m_backend;
+};
+
+TEST_F(NetlinkKernel, SemanticsTableOnTheKernel) {
+  halproxy_semantics::RunCases([this] {
+    auto world = std::make_unique<cKernelWorld>(*this);
+    if (!world->Open()) {
+      ADD_FAILURE() << "cannot set up a namespace";
+      world.reset();
+    }
+    return world;
+  });
 }
 
 }  // namespace

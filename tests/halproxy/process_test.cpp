@@ -80,6 +80,9 @@ TEST_F(HalproxyProcess, ClientRequestsChangeTheTableAndAreLogged) {
       proxy.Logged("ConfigureIPGateway 10.2.0.0/255.255.0.0 via 192.168.1.1 dev eth9 src "
                    "0.0.0.0 metric 0 avail=1 -> -19 (No such device: no interface 'eth9')"))
       << proxy.Log();
+  // Test operations are off unless asked for.
+  EXPECT_EQ(-EPERM, proxy.Hal().InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
+  EXPECT_TRUE(proxy.Logged("-> -1 (Operation not permitted: test operations are off"));
   EXPECT_EQ(0, proxy.Stop());  // SIGTERM ends it cleanly
 }
 
@@ -87,7 +90,7 @@ TEST_F(HalproxyProcess, ClientRequestsChangeTheTableAndAreLogged) {
 // the order asked (a removal between installations), failures counted, and
 // the requests a dead proxy never answered counted too.
 TEST_F(HalproxyProcess, BatchKeepsOrderAndCountsFailedAndLostAnswers) {
-  ASSERT_TRUE(proxy.Start({"--interfaces=eth1"}));
+  ASSERT_TRUE(proxy.Start({"--interfaces=eth1", "--enable-test-ops"}));
   ASSERT_TRUE(proxy.Connect());
   hal::cHalClient& hal = proxy.Hal();
   ASSERT_EQ(0, hal.InjectFault(hal::halop::kConfigureIPGateway, -5, 2));

@@ -1,9 +1,11 @@
 // Where the proxy's routes go: the kernel (netlink) or a table in memory.
-// Results are 0 or a negative errno value, as the kernel gives them.
+// A backend offers the kernel's primitives and nothing more; what to install,
+// what the proxy may touch and what to sweep is decided once, in the proxy.
 #pragma once
 
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,46 +13,53 @@
 
 namespace halproxy {
 
+// The answer to one primitive: 0 or a negative errno value, as the kernel
+// gives them, and why beyond the errno (the kernel's own text) when known.
+struct cResult {
+  int code = 0;
+  std::string detail;
+};
+
+// A route of the main table and whether the proxy installed it (by its
+// protocol number).
+struct cTableRoute {
+  cRoute route;
+  bool ours = false;
+};
+
 class IRouteBackend {
  public:
-  enum class eOp { kConfigureRoute, kRemoveRoute, kConfigureDefault, kRemoveDefault };
+  // kReplace: the kernel's NLM_F_REPLACE, which takes the place of the first
+  // route of the same destination, prefix and metric, whoever made it, and
+  // leaves an identical first route as it is. kAppend: added after the routes
+  // of that key; an identical one already there is -EEXIST.
+  enum class eInstall { kReplace, kAppend };
 
   virtual ~IRouteBackend() = default;
 
-  // Installs route, replacing one with the same destination, prefix and
-  // metric; an identical route already installed is left as it is.
-  virtual int ConfigureRoute(cRoute const& route) = 0;
-  // Installs routes in order, each as ConfigureRoute would; results[i] and
-  // details[i] (empty when there is nothing to add) answer routes[i]. A
-  // backend that can hand the kernel many routes in one exchange overrides it.
-  virtual void ConfigureRoutes(std::vector<cRoute> const& routes, std::vector<int>& results,
-                               std::vector<std::string>& details) {
+  virtual cResult Install(cRoute const& route, eInstall how) = 0;
+  // Installs routes in order, each as Install would; results[i] answers
+  // routes[i]. A backend that can hand the kernel many routes in one
+  // exchange overrides it.
+  virtual void InstallMany(std::vector<cRoute> const& routes, eInstall how,
+                           std::vector<cResult>& results) {
     results.clear();
-    details.clear();
-    for (cRoute const& route : routes) {
-      results.push_back(ConfigureRoute(route));
-      details.push_back(results.back() != 0 ? LastDetail() : std::string());
-    }
+    for (cRoute const& route : routes) results.push_back(Install(route, how));
   }
-  // Removes the first of our routes of route's type to its destination and
-  // prefix (via its gateway unless that is 0). Nothing to remove is success.
-  virtual int RemoveRoute(cRoute const& route) = 0;
-  // Makes gateway a default gateway with metric; other default gateways stay,
-  // also with the same metric, and ours via gateway with another metric go.
-  virtual int ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) = 0;
-  // Removes our default routes via gateway, whatever their metric.
-  virtual int RemoveDefault(std::uint32_t gateway) = 0;
-  // Our routes, one FormatRoute line each, in table order.
-  virtual int ListRoutes(std::vector<std::string>& lines) = 0;
-  // The next count calls of op (0 = all until cleared) answer code; code 0
-  // clears. Only for test backends.
-  virtual int InjectFault(eOp op, int code, std::uint32_t count) {
-    (void)op, (void)code, (void)count;
-    return -EOPNOTSUPP;
+  // Removes exactly this route of ours (destination, prefix, type, gateway,
+  // metric); one that is not there is success.
+  virtual cResult Remove(cRoute const& route) = 0;
+  // The main table's IPv4 routes in table order, ours flagged.
+  virtual cResult List(std::vector<cTableRoute>& routes) = 0;
+  // changed runs (from the loop) whenever routes of ours may have gone
+  // behind the proxy's back or may be installable again: a route of ours
+  // deleted by somebody else, a link or an address that came or went, lost
+  // notifications. False when the backend has no notifications (then it
+  // never calls changed).
+  virtual bool Watch(std::function<void()> changed) {
+    (void)changed;
+    return false;
   }
-  // Why the last call failed, beyond its errno (e.g. the kernel's own text);
-  // empty when there is nothing to add.
-  virtual std::string LastDetail() const { return {}; }
 };
 
 }  // namespace halproxy

@@ -60,7 +60,17 @@ int main(int argc, char** argv) {
   }
 
   kest::cService service;
-  cHalProxy proxy(*backend, opt.unavailable);
+  // Test operations reach the backend only through this wrapper.
+  std::unique_ptr<cFaultBackend> faults;
+  if (opt.enableTestOps) faults = std::make_unique<cFaultBackend>(*backend);
+  cHalProxy proxy(faults ? *faults : *backend, opt.unavailable,
+                  static_cast<unsigned>(opt.sweepAfter), faults.get());
+  if (std::size_t adopted = proxy.Adopt()) {
+    HALPROXY_LOG(kLevelInfo,
+                 "%zu routes of ours already in the table: kept while the route manager asks "
+                 "for them",
+                 adopted);
+  }
   kest::cServer server(&service, &proxy, kModule, hal::kService);
   server.SetLimits(opt.limits);
   if (!server.Listen(opt.listen, error)) {
@@ -75,6 +85,7 @@ int main(int argc, char** argv) {
   }
   HALPROXY_LOG(kLevelInfo, "listening on %s, backend %s, unavailable gateways: %s", where.c_str(),
                backendName, kUnavailableNames[opt.unavailable == eUnavailable::kSkip ? 0 : 1]);
+  if (opt.enableTestOps) HALPROXY_LOG(kLevelWarning, "test operations are on (--enable-test-ops)");
 
   service.ProcessMessages();  // until SIGTERM or SIGINT
 

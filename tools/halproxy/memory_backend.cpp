@@ -7,120 +7,86 @@ namespace halproxy {
 
 namespace {
 
-// The kernel's key of a route: NLM_F_REPLACE replaces the first route of the
-// same key, and routes of one key keep their order of arrival.
 auto Key(cRoute const& r) { return std::make_tuple(r.dst, r.prefixLen, r.metric); }
-
-bool IsDefault(cRoute const& r) {
-  return r.dst == 0 && r.prefixLen == 0 && r.type == eRouteType::kUnicast;
-}
 
 }  // namespace
 
 cMemoryBackend::cMemoryBackend(std::set<std::string> interfaces)
     : m_interfaces(std::move(interfaces)) {}
 
-bool cMemoryBackend::TakeFault(eOp op, int& code) {
-  auto it = m_faults.find(op);
-  if (it == m_faults.end()) return false;
-  code = it->second.code;
-  if (it->second.remaining > 0 && --it->second.remaining == 0) m_faults.erase(it);
-  m_detail = "injected fault";
-  return true;
-}
-
 bool cMemoryBackend::InterfaceExists(std::string const& name) const {
   if (!ValidInterfaceName(name)) return false;
   return m_interfaces.empty() || m_interfaces.count(name) != 0;
 }
 
-void cMemoryBackend::Insert(cRoute const& route) {
-  auto pos = std::upper_bound(m_table.begin(), m_table.end(), route,
-                              [](cRoute const& a, cRoute const& b) { return Key(a) < Key(b); });
-  m_table.insert(pos, route);
+void cMemoryBackend::Insert(cTableRoute const& entry) {
+  auto pos = std::upper_bound(
+      m_table.begin(), m_table.end(), entry,
+      [](cTableRoute const& a, cTableRoute const& b) { return Key(a.route) < Key(b.route); });
+  m_table.insert(pos, entry);
 }
 
-int cMemoryBackend::ConfigureRoute(cRoute const& route) {
-  m_detail.clear();
-  int code = 0;
-  if (TakeFault(eOp::kConfigureRoute, code)) return code;
+cResult cMemoryBackend::Install(cRoute const& route, eInstall how) {
   if (!route.ifname.empty() && !InterfaceExists(route.ifname)) {
-    m_detail = "no interface '" + route.ifname + "'";
-    return -ENODEV;
+    return {-ENODEV, "no interface '" + route.ifname + "'"};
   }
   if (route.type == eRouteType::kUnicast && route.gateway == 0 && route.ifname.empty()) {
-    m_detail = "a route needs a gateway or an interface";
-    return -ENODEV;
+    return {-ENODEV, "a route needs a gateway or an interface"};
   }
+  if (m_down.count(route.ifname) != 0) return {-ENETDOWN, "interface '" + route.ifname + "' is down"};
   auto first = std::find_if(m_table.begin(), m_table.end(),
-                            [&](cRoute const& r) { return Key(r) == Key(route); });
-  if (first == m_table.end()) {
-    Insert(route);
-    return 0;
+                            [&](cTableRoute const& e) { return SameKey(e.route, route); });
+  auto same = std::find_if(first, m_table.end(), [&](cTableRoute const& e) {
+    return e.ours && e.route == route;
+  });
+  if (same != m_table.end() && !SameKey(same->route, route)) same = m_table.end();
+  if (how == eInstall::kAppend || first == m_table.end()) {
+    if (same != m_table.end()) return {-EEXIST, ""};
+    Insert({route, true});
+    return {};
   }
-  if (*first == route) return 0;
+  if (same == first) return {};
   // An identical route further down (two routes of one key exist only by
   // appending) is refused as the kernel does rather than duplicated.
-  for (auto it = first; it != m_table.end() && Key(*it) == Key(route); ++it) {
-    if (*it == route) return -EEXIST;
-  }
-  *first = route;
-  return 0;
+  if (same != m_table.end()) return {-EEXIST, ""};
+  *first = {route, true};
+  return {};
 }
 
-int cMemoryBackend::RemoveRoute(cRoute const& route) {
-  m_detail.clear();
-  int code = 0;
-  if (TakeFault(eOp::kRemoveRoute, code)) return code;
-  auto it = std::find_if(m_table.begin(), m_table.end(), [&](cRoute const& r) {
-    return r.dst == route.dst && r.prefixLen == route.prefixLen && r.type == route.type &&
-           (route.gateway == 0 || r.gateway == route.gateway);
+cResult cMemoryBackend::Remove(cRoute const& route) {
+  auto it = std::find_if(m_table.begin(), m_table.end(), [&](cTableRoute const& e) {
+    cRoute const& r = e.route;
+    return e.ours && SameKey(r, route) && r.type == route.type && r.gateway == route.gateway;
   });
   if (it != m_table.end()) m_table.erase(it);
-  return 0;
+  return {};
 }
 
-int cMemoryBackend::ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) {
-  m_detail.clear();
-  int code = 0;
-  if (TakeFault(eOp::kConfigureDefault, code)) return code;
-  cRoute route;
-  route.gateway = gateway;
-  route.metric = metric;
-  if (std::find(m_table.begin(), m_table.end(), route) == m_table.end()) Insert(route);
+cResult cMemoryBackend::List(std::vector<cTableRoute>& routes) {
+  routes = m_table;
+  return {};
+}
+
+void cMemoryBackend::AddForeign(cRoute const& route) {
+  Insert({route, false});
+  Notify();
+}
+
+void cMemoryBackend::Lose(std::function<bool(cRoute const&)> const& which) {
   m_table.erase(std::remove_if(m_table.begin(), m_table.end(),
-                               [&](cRoute const& r) {
-                                 return IsDefault(r) && r.gateway == gateway && r.metric != metric;
-                               }),
+                               [&](cTableRoute const& e) { return which(e.route); }),
                 m_table.end());
-  return 0;
+  Notify();
 }
 
-int cMemoryBackend::RemoveDefault(std::uint32_t gateway) {
-  m_detail.clear();
-  int code = 0;
-  if (TakeFault(eOp::kRemoveDefault, code)) return code;
-  m_table.erase(std::remove_if(m_table.begin(), m_table.end(),
-                               [&](cRoute const& r) { return IsDefault(r) && r.gateway == gateway; }),
-                m_table.end());
-  return 0;
-}
-
-int cMemoryBackend::ListRoutes(std::vector<std::string>& lines) {
-  m_detail.clear();
-  lines.clear();
-  for (auto const& r : m_table) lines.push_back(FormatRoute(r));
-  return 0;
-}
-
-int cMemoryBackend::InjectFault(eOp op, int code, std::uint32_t count) {
-  m_detail.clear();
-  if (code == 0) {
-    m_faults.erase(op);
+void cMemoryBackend::SetLink(std::string const& name, bool up) {
+  if (up) {
+    m_down.erase(name);
+    Notify();
   } else {
-    m_faults[op] = cFault{code, count};
+    m_down.insert(name);
+    Lose([&](cRoute const& r) { return r.ifname == name; });
   }
-  return 0;
 }
 
 }  // namespace halproxy

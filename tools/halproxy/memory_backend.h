@@ -1,9 +1,9 @@
-// A routing table in memory with the kernel's rules as the netlink backend
-// uses them, so the proxy runs anywhere without privileges and tests can see
-// its table and make it fail on purpose.
+// A routing table in memory with the kernel's rules for the primitives, so
+// the proxy runs anywhere without privileges, and tests can put other
+// parties' routes in it and take routes away as a person or a link would.
 #pragma once
 
-#include <map>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,29 +17,35 @@ class cMemoryBackend : public IRouteBackend {
   // interfaces: the names that exist; empty = every valid interface name.
   explicit cMemoryBackend(std::set<std::string> interfaces = {});
 
-  int ConfigureRoute(cRoute const& route) override;
-  int RemoveRoute(cRoute const& route) override;
-  int ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) override;
-  int RemoveDefault(std::uint32_t gateway) override;
-  int ListRoutes(std::vector<std::string>& lines) override;
-  int InjectFault(eOp op, int code, std::uint32_t count) override;
-  std::string LastDetail() const override { return m_detail; }
+  cResult Install(cRoute const& route, eInstall how) override;
+  cResult Remove(cRoute const& route) override;
+  cResult List(std::vector<cTableRoute>& routes) override;
+  bool Watch(std::function<void()> changed) override {
+    m_changed = std::move(changed);
+    return true;
+  }
+
+  // What other parties do to the table (tests): a route that the proxy did
+  // not install, added after those of its key; routes deleted behind the
+  // proxy's back; a link taken down (its routes go and nothing can be
+  // installed on it) or up. Each change is notified as the kernel would.
+  void AddForeign(cRoute const& route);
+  void Lose(std::function<bool(cRoute const&)> const& which);
+  void SetLink(std::string const& name, bool up);
 
  private:
-  struct cFault {
-    int code = 0;
-    std::uint32_t remaining = 0;  // 0: until cleared
-  };
-  bool TakeFault(eOp op, int& code);
   bool InterfaceExists(std::string const& name) const;
-  void Insert(cRoute const& route);  // after every route of the same key, as NLM_F_APPEND
+  void Insert(cTableRoute const& entry);  // after every route of the same key
+  void Notify() const {
+    if (m_changed) m_changed();
+  }
 
   std::set<std::string> m_interfaces;
+  std::set<std::string> m_down;
   // Kept in the kernel's order: by destination, prefix and metric, and in
   // order of arrival among routes of the same key.
-  std::vector<cRoute> m_table;
-  std::map<eOp, cFault> m_faults;
-  std::string m_detail;
+  std::vector<cTableRoute> m_table;
+  std::function<void()> m_changed;
 };
 
 }  // namespace halproxy

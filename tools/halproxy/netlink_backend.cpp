@@ -1,18 +1,25 @@
 #include "netlink_backend.h"
 
+#include <arpa/inet.h>
 #include <libmnl/libmnl.h>
+#include <linux/filter.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <ctime>
+
+#include "kest/loop.h"
+#include "log.h"
 
 namespace halproxy {
 
@@ -40,6 +47,9 @@ constexpr int kAnswerRoom = 1536;
 // net.core.rmem_max): room for the answers of a full chunk of refusals.
 // Only a limit: the memory is taken while answers wait, for microseconds.
 constexpr int kRecvRoom = 512 * 1024;
+// Notification datagrams read per wake-up; the rest waits for the next turn
+// of the loop, so a storm of them cannot starve the proxy's clients.
+constexpr int kMaxNotificationReads = 64;
 
 std::string ErrnoText(char const* what, int err) {
   return std::string(what) + ": " + std::strerror(err);
@@ -66,8 +76,6 @@ nl::cNlRoute Ours(cRoute const& route) {
   return r;
 }
 
-bool IsDefault(nl::cNlRoute const& r) { return r.dstLen == 0 && r.type == RTN_UNICAST; }
-
 // A removal that matches the route it was made from, whatever its scope.
 nl::cNlRoute RemovalOf(nl::cNlRoute const& r) {
   nl::cNlRoute del;
@@ -86,6 +94,10 @@ nl::cNlRoute RemovalOf(nl::cNlRoute const& r) {
 }  // namespace
 
 cNetlinkBackend::~cNetlinkBackend() {
+  if (m_events != nullptr) {
+    if (m_watching) kest::Loop().UnwatchFd(mnl_socket_get_fd(m_events));
+    mnl_socket_close(m_events);
+  }
   if (m_nl != nullptr) mnl_socket_close(m_nl);
   if (m_ifFd >= 0) close(m_ifFd);
 }
@@ -122,22 +134,18 @@ bool cNetlinkBackend::Open(std::string& error) {
   m_recvBuf.resize(kRecvBuffer);
   // Without it lookups fall back to if_nametoindex; only slower.
   m_ifFd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  OpenEvents();
   return true;
 }
 
-int cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
-                              std::vector<nl::cNlRoute>* dump) {
-  m_detail.clear();
-  if (m_nl == nullptr) {
-    m_detail = "netlink socket not open";
-    return -EBADF;
-  }
+cResult cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
+                                  std::vector<nl::cNlRoute>* dump) {
+  if (m_nl == nullptr) return {-EBADF, "netlink socket not open"};
   nlmsghdr hdr;
   std::memcpy(&hdr, msg.data(), sizeof hdr);
   if (mnl_socket_sendto(m_nl, msg.data(), msg.size()) < 0) {
     int err = errno;
-    m_detail = ErrnoText("netlink send", err);
-    return -err;
+    return {-err, ErrnoText("netlink send", err)};
   }
   if (m_recvBuf.size() < kRecvBuffer) m_recvBuf.resize(kRecvBuffer);
   std::vector<std::uint8_t>& buf = m_recvBuf;
@@ -147,26 +155,23 @@ int cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
       int err = errno;
       if (err == EINTR) continue;
       if (err == EAGAIN || err == EWOULDBLOCK) err = ETIMEDOUT;
-      m_detail = ErrnoText("netlink receive", err);
-      return -err;
+      return {-err, ErrnoText("netlink receive", err)};
     }
     nl::cNlResult res = nl::ParseReply(buf.data(), static_cast<std::size_t>(n), hdr.nlmsg_seq, dump);
     if (res.status == nl::cNlResult::kMore) continue;
     if (res.status == nl::cNlResult::kMalformed) {
-      m_detail = "malformed netlink answer: " + res.message;
-      return -EPROTO;
+      return {-EPROTO, "malformed netlink answer: " + res.message};
     }
-    m_detail = res.message;
-    return res.error;
+    return {res.error, res.message};
   }
 }
 
-int cNetlinkBackend::InterfaceIndex(std::string const& name, std::uint32_t& index) {
+cResult cNetlinkBackend::InterfaceIndex(std::string const& name, std::uint32_t& index) {
   index = 0;
   if (ValidInterfaceName(name)) {
-    // Asked afresh for every request (one ioctl; ConfigureRoutes asks once
-    // per name and call): an index kept longer could outlive its interface
-    // and send a route out of another one.
+    // Asked afresh for every request (one ioctl; InstallMany asks once per
+    // name and call): an index kept longer could outlive its interface and
+    // send a route out of another one.
     ifreq req{};
     std::memcpy(req.ifr_name, name.c_str(), name.size());
     if (m_ifFd >= 0 && ioctl(m_ifFd, SIOCGIFINDEX, &req) == 0) {
@@ -175,31 +180,38 @@ int cNetlinkBackend::InterfaceIndex(std::string const& name, std::uint32_t& inde
       index = if_nametoindex(name.c_str());
     }
   }
-  if (index == 0) {
-    m_detail = NoInterface(name);
-    return -ENODEV;
-  }
-  return 0;
+  if (index == 0) return {-ENODEV, NoInterface(name)};
+  return {};
 }
 
-int cNetlinkBackend::ConfigureRoute(cRoute const& route) {
+std::string cNetlinkBackend::InterfaceName(std::uint32_t index) {
+  // Asked through our own socket: it lives in the namespace of the table.
+  ifreq req{};
+  req.ifr_ifindex = static_cast<int>(index);
+  if (m_ifFd >= 0 && ioctl(m_ifFd, SIOCGIFNAME, &req) == 0) return req.ifr_name;
+  char name[IF_NAMESIZE] = {};
+  if (m_ifFd < 0 && if_indextoname(index, name) != nullptr) return name;
+  return "if" + std::to_string(index);
+}
+
+cResult cNetlinkBackend::Install(cRoute const& route, eInstall how) {
   // A chunk of one: one sendto with NLM_F_ACK and one answer, as ever.
-  std::vector<int> results;
-  std::vector<std::string> details;
-  ConfigureRoutes({route}, results, details);
+  std::vector<cResult> results;
+  InstallMany({route}, how, results);
   return results.front();
 }
 
-void cNetlinkBackend::ConfigureRoutes(std::vector<cRoute> const& routes, std::vector<int>& results,
-                                      std::vector<std::string>& details) {
-  results.assign(routes.size(), 0);
-  details.assign(routes.size(), std::string());
+void cNetlinkBackend::InstallMany(std::vector<cRoute> const& routes, eInstall how,
+                                  std::vector<cResult>& results) {
+  results.assign(routes.size(), cResult());
+  std::uint16_t const flags =
+      NLM_F_CREATE | (how == eInstall::kReplace ? NLM_F_REPLACE : NLM_F_APPEND);
   // Interface indexes are looked up once per name for the whole call. That
   // is safe: the call lasts microseconds, and an interface replaced within
   // them would race the kernel's handling of the route just the same.
   struct cIfIndex {
     std::string const* name;
-    int rc;
+    cResult result;
     std::uint32_t index;
   };
   std::vector<cIfIndex> ifaces;  // a handful of names: a list beats a map
@@ -217,13 +229,12 @@ void cNetlinkBackend::ConfigureRoutes(std::vector<cRoute> const& routes, std::ve
         auto it = std::find_if(ifaces.begin(), ifaces.end(),
                                [&](cIfIndex const& f) { return *f.name == route.ifname; });
         if (it == ifaces.end()) {
-          cIfIndex f{&route.ifname, 0, 0};
-          f.rc = InterfaceIndex(route.ifname, f.index);
+          cIfIndex f{&route.ifname, {}, 0};
+          f.result = InterfaceIndex(route.ifname, f.index);
           it = ifaces.insert(ifaces.end(), f);
         }
-        if (it->rc != 0) {
-          results[i] = it->rc;
-          details[i] = NoInterface(route.ifname);
+        if (it->result.code != 0) {
+          results[i] = it->result;
           continue;
         }
         r.oif = it->index;
@@ -235,31 +246,27 @@ void cNetlinkBackend::ConfigureRoutes(std::vector<cRoute> const& routes, std::ve
     std::uint32_t const seq = NextSeq();
     if (indexes.empty()) firstSeq = seq;
     lastAt = m_batch.size();
-    // Create or replace by (destination, prefix, metric): the daemon repeats
-    // every request, and an identical route is left untouched. SendChunk asks
-    // for the ack of the chunk's last message only.
-    nl::AppendNewRoute(m_batch, r, NLM_F_CREATE | NLM_F_REPLACE, seq);
+    // SendChunk asks for the ack of the chunk's last message only.
+    nl::AppendNewRoute(m_batch, r, flags, seq);
     indexes.push_back(i);
     if (indexes.size() >= m_chunkMessages || m_batch.size() + nl::kRouteMessageMax > kChunkBytes) {
-      SendChunk(firstSeq, lastAt, indexes, results, details);
+      SendChunk(firstSeq, lastAt, indexes, results);
       indexes.clear();
       m_batch.clear();
     }
   }
-  if (!indexes.empty()) SendChunk(firstSeq, lastAt, indexes, results, details);
-  m_detail = routes.empty() ? std::string() : details.back();
+  if (!indexes.empty()) SendChunk(firstSeq, lastAt, indexes, results);
 }
 
 void cNetlinkBackend::SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
-                                std::vector<std::size_t> const& indexes, std::vector<int>& results,
-                                std::vector<std::string>& details) {
+                                std::vector<std::size_t> const& indexes,
+                                std::vector<cResult>& results) {
   std::size_t const count = indexes.size();
   std::vector<bool> answered(count, false);
   auto failUnanswered = [&](int rc, std::string const& detail) {
     for (std::size_t k = 0; k < count; ++k) {
       if (answered[k]) continue;
-      results[indexes[k]] = rc;
-      details[indexes[k]] = detail;
+      results[indexes[k]] = {rc, detail};
     }
   };
   if (m_nl == nullptr) {
@@ -312,8 +319,7 @@ void cNetlinkBackend::SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
       std::size_t const k = ack.seq - firstSeq;
       if (answered[k]) continue;  // the first answer counts
       answered[k] = true;
-      results[indexes[k]] = ack.error;
-      if (ack.error != 0) details[indexes[k]] = std::move(ack.message);
+      results[indexes[k]] = {ack.error, ack.error != 0 ? std::move(ack.message) : std::string()};
       done = done || k + 1 == count;
     }
     if (!ok) {
@@ -329,105 +335,99 @@ void cNetlinkBackend::SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
   }
 }
 
-int cNetlinkBackend::Delete(nl::cNlRoute const& route) {
-  int rc = Transact(nl::BuildDelRoute(route, NextSeq()), nullptr);
-  if (rc == -ESRCH) {
-    m_detail.clear();
-    return 0;
+void cNetlinkBackend::OpenEvents() {
+  // Opened with the request socket, so both live in the same namespace.
+  m_events = mnl_socket_open2(NETLINK_ROUTE, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (m_events == nullptr ||
+      mnl_socket_bind(m_events, RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE,
+                      MNL_SOCKET_AUTOPID) < 0) {
+    // Routes lost behind our back then come back with the refresh only.
+    HALPROXY_LOG(kLevelWarning, "no kernel notifications: %s", std::strerror(errno));
+    if (m_events != nullptr) mnl_socket_close(m_events);
+    m_events = nullptr;
+    return;
   }
-  return rc;
+  int room = kRecvRoom;
+  setsockopt(mnl_socket_get_fd(m_events), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  // Our own changes come back as notifications too, one per route: the
+  // kernel drops them before they are queued (the port in the header is the
+  // requester's; the kernel sends one message per notification datagram),
+  // so a refresh of many routes costs no wake-ups and cannot overrun us.
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(nlmsghdr, nlmsg_pid)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, htonl(mnl_socket_get_portid(m_nl)), 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),
+  };
+  sock_fprog prog{static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+  // Without it we only read and skip them.
+  setsockopt(mnl_socket_get_fd(m_events), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
 }
 
-int cNetlinkBackend::RemoveRoute(cRoute const& route) {
-  m_detail.clear();
+bool cNetlinkBackend::Watch(std::function<void()> changed) {
+  m_changed = std::move(changed);
+  if (m_events == nullptr || m_watching) return m_watching;
+  m_watching = kest::Loop().WatchFd(mnl_socket_get_fd(m_events), EPOLLIN,
+                                    [this](std::uint32_t) { ReadNotifications(); });
+  return m_watching;
+}
+
+void cNetlinkBackend::ReadNotifications() {
+  if (m_recvBuf.size() < kRecvBuffer) m_recvBuf.resize(kRecvBuffer);
+  std::uint32_t const own = mnl_socket_get_portid(m_nl);
+  bool changed = false;
+  // Bounded: a flapping link must not keep the loop here.
+  for (int reads = 0; reads < kMaxNotificationReads; ++reads) {
+    ssize_t n = recv(mnl_socket_get_fd(m_events), m_recvBuf.data(), m_recvBuf.size(), 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      // ENOBUFS: notifications were lost, so anything may have happened.
+      if (errno == ENOBUFS) changed = true;
+      break;
+    }
+    nl::cNlNews news;
+    std::string malformed;
+    if (!nl::ParseNotifications(m_recvBuf.data(), static_cast<std::size_t>(n), own, news,
+                                malformed)) {
+      HALPROXY_LOG(kLevelWarning, "malformed kernel notification: %s", malformed.c_str());
+    }
+    changed = changed || news.oursGone || news.othersChanged || news.linkChanged;
+  }
+  if (changed && m_changed) m_changed();
+}
+
+cResult cNetlinkBackend::Remove(cRoute const& route) {
   nl::cNlRoute r = Ours(route);
-  nl::cNlRoute del = RemovalOf(r);
-  del.hasPriority = false;  // the request names no metric: the first route of ours goes
-  return Delete(del);
+  r.priority = route.metric;
+  r.hasPriority = true;
+  cResult result = Transact(nl::BuildDelRoute(RemovalOf(r), NextSeq()), nullptr);
+  if (result.code == -ESRCH) return {};  // gone already
+  return result;
 }
 
-int cNetlinkBackend::DumpOurs(std::vector<nl::cNlRoute>& routes) {
+cResult cNetlinkBackend::List(std::vector<cTableRoute>& routes) {
   std::vector<nl::cNlRoute> all;
-  int rc = Transact(nl::BuildRouteDump(NextSeq()), &all);
-  if (rc != 0) return rc;
+  cResult result = Transact(nl::BuildRouteDump(NextSeq()), &all);
+  if (result.code != 0) return result;
   routes.clear();
   for (auto const& r : all) {
-    if (r.protocol == nl::kRouteProtocol && r.table == RT_TABLE_MAIN) routes.push_back(r);
-  }
-  return 0;
-}
-
-int cNetlinkBackend::ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) {
-  m_detail.clear();
-  // NLM_F_REPLACE would make two default gateways of equal metric replace
-  // each other at every refresh: look first, and append only what is missing.
-  std::vector<nl::cNlRoute> ours;
-  if (int rc = DumpOurs(ours)) return rc;
-  bool present = false;
-  std::vector<nl::cNlRoute> stale;
-  for (auto const& r : ours) {
-    if (!IsDefault(r) || r.gateway != gateway) continue;
-    if (r.priority == metric) {
-      present = true;
-    } else {
-      stale.push_back(r);
-    }
-  }
-  if (!present) {
-    cRoute def;
-    def.gateway = gateway;
-    def.metric = metric;
-    nl::cNlRoute r = Ours(def);
-    r.priority = metric;
-    r.hasPriority = true;
-    int rc = Transact(nl::BuildNewRoute(r, NLM_F_ACK | NLM_F_CREATE | NLM_F_APPEND, NextSeq()),
-                      nullptr);
-    if (rc == -EEXIST) rc = 0;  // it appeared since the dump: as good as added
-    if (rc != 0) return rc;
-  }
-  // The gateway's old metric goes only once the new route is in, so the
-  // device is never without this default gateway.
-  int result = 0;
-  for (auto const& r : stale) {
-    int rc = Delete(RemovalOf(r));
-    if (result == 0) result = rc;
-  }
-  return result;
-}
-
-int cNetlinkBackend::RemoveDefault(std::uint32_t gateway) {
-  m_detail.clear();
-  std::vector<nl::cNlRoute> ours;
-  if (int rc = DumpOurs(ours)) return rc;
-  int result = 0;
-  for (auto const& r : ours) {
-    if (!IsDefault(r) || r.gateway != gateway) continue;
-    int rc = Delete(RemovalOf(r));
-    if (result == 0) result = rc;
-  }
-  return result;
-}
-
-int cNetlinkBackend::ListRoutes(std::vector<std::string>& lines) {
-  m_detail.clear();
-  std::vector<nl::cNlRoute> ours;
-  if (int rc = DumpOurs(ours)) return rc;
-  lines.clear();
-  for (auto const& r : ours) {
-    cRoute route;
+    if (r.table != RT_TABLE_MAIN) continue;
+    cTableRoute entry;
+    cRoute& route = entry.route;
     route.dst = r.dst;
     route.prefixLen = r.dstLen;
-    route.type = r.type == RTN_UNREACHABLE ? eRouteType::kUnreachable : eRouteType::kUnicast;
+    route.type = r.type == RTN_UNICAST       ? eRouteType::kUnicast
+                 : r.type == RTN_UNREACHABLE ? eRouteType::kUnreachable
+                                             : eRouteType::kOther;
     route.gateway = r.gateway;
     route.source = r.prefsrc;
     route.metric = r.priority;
-    if (r.oif != 0 && route.type == eRouteType::kUnicast) {
-      char name[IF_NAMESIZE] = {};
-      route.ifname = if_indextoname(r.oif, name) ? name : "if" + std::to_string(r.oif);
-    }
-    lines.push_back(FormatRoute(route));
+    if (r.oif != 0 && route.type == eRouteType::kUnicast) route.ifname = InterfaceName(r.oif);
+    entry.ours = r.protocol == nl::kRouteProtocol;
+    routes.push_back(std::move(entry));
   }
-  return 0;
+  return {};
 }
+
 
 }  // namespace halproxy

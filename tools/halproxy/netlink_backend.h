@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,27 +24,26 @@ class cNetlinkBackend : public IRouteBackend {
 
   bool Open(std::string& error);
 
-  int ConfigureRoute(cRoute const& route) override;
-  void ConfigureRoutes(std::vector<cRoute> const& routes, std::vector<int>& results,
-                       std::vector<std::string>& details) override;
-  int RemoveRoute(cRoute const& route) override;
-  int ConfigureDefault(std::uint32_t gateway, std::uint32_t metric) override;
-  int RemoveDefault(std::uint32_t gateway) override;
-  int ListRoutes(std::vector<std::string>& lines) override;
-  std::string LastDetail() const override { return m_detail; }
+  cResult Install(cRoute const& route, eInstall how) override;
+  void InstallMany(std::vector<cRoute> const& routes, eInstall how,
+                   std::vector<cResult>& results) override;
+  cResult Remove(cRoute const& route) override;
+  cResult List(std::vector<cTableRoute>& routes) override;
+  // Listens to the kernel's link, address and route notifications on a
+  // socket of their own, watched by the process's loop.
+  bool Watch(std::function<void()> changed) override;
 
  private:
-  // Sends msg and reads its answer; 0 or a negative errno. dump collects the
-  // route messages of a dump.
-  int Transact(std::vector<std::uint8_t> const& msg, std::vector<nl::cNlRoute>* dump);
-  int DumpOurs(std::vector<nl::cNlRoute>& routes);  // our IPv4 routes of the main table
-  int Delete(nl::cNlRoute const& route);            // absent counts as removed
-  int InterfaceIndex(std::string const& name, std::uint32_t& index);
+  // Sends msg and reads its answer. dump collects the route messages of a dump.
+  cResult Transact(std::vector<std::uint8_t> const& msg, std::vector<nl::cNlRoute>* dump);
+  cResult InterfaceIndex(std::string const& name, std::uint32_t& index);
+  std::string InterfaceName(std::uint32_t index);
   // Sends m_batch, the messages numbered firstSeq... of the routes at
-  // indexes (the last one starting at lastAt), and stores their answers in
-  // results and details.
+  // indexes (the last one starting at lastAt), and stores their answers.
   void SendChunk(std::uint32_t firstSeq, std::size_t lastAt, std::vector<std::size_t> const& indexes,
-                 std::vector<int>& results, std::vector<std::string>& details);
+                 std::vector<cResult>& results);
+  void OpenEvents();
+  void ReadNotifications();
   std::uint32_t NextSeq() { return ++m_seq; }
 
   mnl_socket* m_nl = nullptr;
@@ -51,7 +51,9 @@ class cNetlinkBackend : public IRouteBackend {
   // socket for every request.
   int m_ifFd = -1;
   std::uint32_t m_seq = 0;
-  std::string m_detail;
+  mnl_socket* m_events = nullptr;  // notifications, once Watch was called
+  bool m_watching = false;
+  std::function<void()> m_changed;
   std::vector<std::uint8_t> m_recvBuf;  // reused by every exchange
   std::vector<std::uint8_t> m_batch;    // the chunk being built, reused
   std::vector<nl::cNlAck> m_acks;       // answers of one datagram, reused

@@ -261,5 +261,35 @@ bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq
   return malformed.empty();
 }
 
+bool ParseNotifications(const std::uint8_t* data, std::size_t len, std::uint32_t ownPort,
+                        cNlNews& news, std::string& malformed) {
+  malformed =
+      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+        switch (h.nlmsg_type) {
+          case RTM_NEWLINK:
+          case RTM_DELLINK:
+          case RTM_NEWADDR:
+          case RTM_DELADDR:
+            news.linkChanged = true;
+            break;
+          case RTM_NEWROUTE:
+          case RTM_DELROUTE: {
+            cNlRoute r;
+            if (h.nlmsg_pid == ownPort || !ParseRoute(payload, plen, r) ||
+                r.table != RT_TABLE_MAIN) {
+              break;
+            }
+            bool const ours = h.nlmsg_type == RTM_DELROUTE && r.protocol == kRouteProtocol;
+            (ours ? news.oursGone : news.othersChanged) = true;
+            break;
+          }
+          default:
+            break;
+        }
+        return true;
+      });
+  return malformed.empty();
+}
+
 }  // namespace nl
 }  // namespace halproxy

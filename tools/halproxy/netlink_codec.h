@@ -73,6 +73,19 @@ struct cNlAck {
                              std::uint32_t count, std::vector<cNlAck>& acks,
                              std::string& malformed);
 
+// What a datagram of the kernel's notifications (links, IPv4 addresses and
+// routes) means to the proxy. ownPort: the port of the socket the proxy makes
+// its own changes through, whose notifications say nothing new.
+struct cNlNews {
+  bool oursGone = false;      // a route of our protocol in the main table was deleted
+  bool othersChanged = false; // another route of the main table came, went or was replaced
+  bool linkChanged = false;   // a link or an address came, went or changed state
+};
+// False when the datagram is malformed, with what in malformed; what was
+// read before it still counts in news.
+bool ParseNotifications(const std::uint8_t* data, std::size_t len, std::uint32_t ownPort,
+                        cNlNews& news, std::string& malformed);
+
 // The route of an RTM_NEWROUTE message's payload (struct rtmsg and its
 // attributes); false for another family or a malformed payload.
 [[nodiscard]] bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out);

@@ -26,6 +26,9 @@ std::string Usage() {
          "                                 nothing (default) or an unreachable route\n"
          "  --interfaces=NAME[,NAME...]    memory backend: the interfaces that exist\n"
          "                                 (default: any valid name)\n"
+         "  --sweep-after=N                routes of ours that N complete refreshes of the\n"
+         "                                 route manager did not ask for are removed (default 3)\n"
+         "  --enable-test-ops              accept InjectFault (tests only; refused otherwise)\n"
          ) +
          kest::kLimitOptionsUsage +
          "  --log-level=error|warning|info|debug  (default info; debug logs every request)\n"
@@ -117,6 +120,19 @@ bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string&
     }
     if (arg == "--syslog") {
       opt.syslog = true;
+      continue;
+    }
+    if (arg == "--enable-test-ops") {
+      opt.enableTestOps = true;
+      continue;
+    }
+    if (!TakeValue(argc, argv, i, "--sweep-after", value, matched, error)) return false;
+    if (matched) {
+      std::string why;
+      if (!kest::ParseCount(value, 1, opt.sweepAfter, why)) {
+        error = "bad value '" + value + "' for --sweep-after: " + why;
+        return false;
+      }
       continue;
     }
     if (!TakeValue(argc, argv, i, "--listen", value, matched, error)) return false;

@@ -18,6 +18,10 @@ struct cOptions {
   std::string logLevel = "info";
   bool syslog = false;
   std::set<std::string> interfaces;  // memory backend: the names that exist; empty = any
+  // Routes of ours that this many complete refreshes did not ask for go.
+  std::size_t sweepAfter = cRouteKeeper::kDefaultKeepRefreshes;
+  // Operations that exist only for tests (InjectFault): refused unless set.
+  bool enableTestOps = false;
   // --max-connections, --send-limit, and for a Unix socket --socket-mode,
   // --socket-group, --allow-uid, --allow-gid (the last two repeatable).
   kest::cServerLimits limits;

@@ -38,31 +38,48 @@ bool ParsePrefix(hal::cHalRequest const& req, cRoute& route, std::string& detail
   return true;
 }
 
-bool BackendOp(std::uint16_t op, IRouteBackend::eOp& out) {
+bool FaultOf(std::uint16_t op, cFaultBackend::eFault& out) {
   switch (op) {
-    case hal::halop::kConfigureIPGateway: out = IRouteBackend::eOp::kConfigureRoute; return true;
-    case hal::halop::kRemoveIPGateway: out = IRouteBackend::eOp::kRemoveRoute; return true;
-    case hal::halop::kConfigureIpDefaultGateway:
-      out = IRouteBackend::eOp::kConfigureDefault;
-      return true;
-    case hal::halop::kRemoveIPDefaultGateway: out = IRouteBackend::eOp::kRemoveDefault; return true;
+    case hal::halop::kConfigureIPGateway: out = cFaultBackend::eFault::kReplace; return true;
+    case hal::halop::kConfigureIpDefaultGateway: out = cFaultBackend::eFault::kAppend; return true;
+    case hal::halop::kRemoveIPGateway:
+    case hal::halop::kRemoveIPDefaultGateway: out = cFaultBackend::eFault::kRemove; return true;
     default: return false;
   }
 }
 
-// "0", "0 (skipped: ...)", "-19 (No such device: no interface 'eth9')".
-std::string ResultText(int rc, std::string const& detail) {
-  std::string text = std::to_string(rc);
-  std::string why = rc < 0 ? std::strerror(-rc) : "";
-  if (!detail.empty()) why += (why.empty() ? "" : ": ") + detail;
-  if (!why.empty()) text += " (" + why + ")";
-  return text;
-}
+// A pass after a storm of notifications waits this long after the last one;
+// a loss after a quiet spell is repaired at once.
+constexpr std::uint64_t kRestoreGapMs = 50;
 
 }  // namespace
 
-cHalProxy::cHalProxy(IRouteBackend& backend, eUnavailable unavailable)
-    : m_backend(backend), m_unavailable(unavailable) {}
+cHalProxy::cHalProxy(IRouteBackend& backend, eUnavailable unavailable, unsigned keepRefreshes,
+                     cFaultBackend* faults)
+    : m_keeper(backend, keepRefreshes), m_faults(faults), m_unavailable(unavailable) {
+  m_keeper.SetNotified(backend.Watch([this] {
+    HALPROXY_LOG(kLevelDebug, "the table changed behind our back: reading it again");
+    m_keeper.Invalidate();
+    ScheduleRestore();
+  }));
+}
+
+cHalProxy::~cHalProxy() {
+  if (m_restoreTimer != 0) kest::Loop().CancelTimer(m_restoreTimer);
+}
+
+void cHalProxy::ScheduleRestore() {
+  if (m_restoreTimer != 0) return;  // a pass is due: it sees this change too
+  std::uint64_t const now = kest::Loop().NowMs();
+  std::uint64_t const since = now - m_lastRestoreMs;
+  std::uint64_t const delay = !m_restored || since >= kRestoreGapMs ? 0 : kRestoreGapMs - since;
+  m_restoreTimer = kest::Loop().AddTimer(delay, [this] {
+    m_restoreTimer = 0;
+    m_restored = true;
+    m_lastRestoreMs = kest::Loop().NowMs();
+    m_keeper.Restore();
+  });
+}
 
 int cHalProxy::RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& detail) {
   bool const configure = req.op == hal::halop::kConfigureIPGateway;
@@ -91,33 +108,44 @@ int cHalProxy::RouteOf(hal::cHalRequest const& req, cRoute& route, std::string& 
   return 1;
 }
 
-int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail) {
+int cHalProxy::RouteRequest(hal::cHalRequest const& req, std::string& detail,
+                            void const* connection) {
   cRoute route;
   int rc = RouteOf(req, route, detail);
   if (rc <= 0) return rc;
-  rc = req.op == hal::halop::kConfigureIPGateway ? m_backend.ConfigureRoute(route)
-                                                  : m_backend.RemoveRoute(route);
-  if (rc != 0) detail = m_backend.LastDetail();
-  return rc;
+  cResult result;
+  if (req.op == hal::halop::kConfigureIPGateway) {
+    m_keeper.Configure({route}, m_results, connection);
+    result = m_results.front();
+  } else {
+    result = m_keeper.Remove(route);
+  }
+  detail = result.detail;
+  return result.code;
 }
 
-int cHalProxy::DefaultRequest(hal::cHalRequest const& req, std::string& detail) {
+int cHalProxy::DefaultRequest(hal::cHalRequest const& req, std::string& detail,
+                              void const* connection) {
   std::uint32_t gateway = 0;
   if (!ParseAddress("gateway", req.gateway, gateway, detail)) return -EINVAL;
   if (gateway == 0) {
     detail = "a default gateway needs an address";
     return -EINVAL;
   }
-  int rc = req.op == hal::halop::kConfigureIpDefaultGateway
-               ? m_backend.ConfigureDefault(gateway, req.metric)
-               : m_backend.RemoveDefault(gateway);
-  if (rc != 0) detail = m_backend.LastDetail();
-  return rc;
+  cResult result = req.op == hal::halop::kConfigureIpDefaultGateway
+                       ? m_keeper.ConfigureDefault(gateway, req.metric, connection)
+                       : m_keeper.RemoveDefault(gateway);
+  detail = result.detail;
+  return result.code;
 }
 
 int cHalProxy::FaultRequest(hal::cHalRequest const& req, std::string& detail) {
-  IRouteBackend::eOp op;
-  if (!BackendOp(req.faultOp, op)) {
+  if (m_faults == nullptr) {
+    detail = "test operations are off (halproxy --enable-test-ops)";
+    return -EPERM;
+  }
+  cFaultBackend::eFault what;
+  if (!FaultOf(req.faultOp, what)) {
     detail = "no route operation " + std::to_string(req.faultOp);
     return -EINVAL;
   }
@@ -125,25 +153,30 @@ int cHalProxy::FaultRequest(hal::cHalRequest const& req, std::string& detail) {
     detail = "a fault is a negative errno value";
     return -EINVAL;
   }
-  int rc = m_backend.InjectFault(op, req.faultCode, req.faultCount);
-  if (rc == -EOPNOTSUPP) detail = "this backend has no fault injection";
-  return rc;
+  m_faults->Inject(what, req.faultCode, req.faultCount);
+  return 0;
 }
 
 int cHalProxy::Execute(hal::cHalRequest const& req, std::vector<std::string>& lines,
-                       std::string& detail) {
+                       std::string& detail, void const* connection) {
   detail.clear();
   switch (req.op) {
     case hal::halop::kConfigureIPGateway:
     case hal::halop::kRemoveIPGateway:
-      return RouteRequest(req, detail);
+      return RouteRequest(req, detail, connection);
     case hal::halop::kConfigureIpDefaultGateway:
     case hal::halop::kRemoveIPDefaultGateway:
-      return DefaultRequest(req, detail);
+      return DefaultRequest(req, detail, connection);
+    case hal::halop::kRefreshStart:
+      m_keeper.RefreshStart(connection);
+      return 0;
+    case hal::halop::kRefreshEnd:
+      m_keeper.RefreshEnd(connection);
+      return 0;
     case hal::halop::kListRoutes: {
-      int rc = m_backend.ListRoutes(lines);
-      if (rc != 0) detail = m_backend.LastDetail();
-      return rc;
+      cResult result = m_keeper.ListOurs(lines);
+      detail = result.detail;
+      return result.code;
     }
     case hal::halop::kInjectFault:
       return FaultRequest(req, detail);
@@ -158,6 +191,7 @@ void cHalProxy::OnOpen(kest::cChannel* channel) {
 }
 
 void cHalProxy::OnClose(kest::cChannel* channel) {
+  m_keeper.Closed(channel);
   HALPROXY_LOG(kLevelDebug, "connection from %s closed", channel->PeerText().c_str());
 }
 
@@ -196,9 +230,8 @@ void cHalProxy::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
   }
   // Everything else is done, and answered, in the order it was asked.
   FlushPending(channel);
-  if (!install) rc = Execute(req, lines, detail);
-  HALPROXY_LOG(rc == 0 ? kLevelDebug : kLevelInfo, "%s -> %s", hal::Describe(req).c_str(),
-               ResultText(rc, detail).c_str());
+  if (!install) rc = Execute(req, lines, detail, channel);
+  Log(req, rc, detail);
   Answer(channel, frame.id, frame.op, rc, lines);
 }
 
@@ -206,19 +239,19 @@ void cHalProxy::OnFramesDone(kest::cChannel* channel) { FlushPending(channel); }
 
 void cHalProxy::FlushPending(kest::cChannel* channel) {
   if (m_pending.empty()) return;
-  m_backend.ConfigureRoutes(m_pendingRoutes, m_results, m_details);
+  m_keeper.Configure(m_pendingRoutes, m_results, channel);
   static std::vector<std::string> const none;
-  static std::string const noDetail;
   for (std::size_t i = 0; i < m_pending.size(); ++i) {
-    // A backend that answers fewer routes than it was given is broken.
-    int const rc = i < m_results.size() ? m_results[i] : -EIO;
-    std::string const& detail = i < m_details.size() ? m_details[i] : noDetail;
-    HALPROXY_LOG(rc == 0 ? kLevelDebug : kLevelInfo, "%s -> %s",
-                 hal::Describe(m_pending[i].req).c_str(), ResultText(rc, detail).c_str());
-    Answer(channel, m_pending[i].id, hal::halop::kConfigureIPGateway, rc, none);
+    Log(m_pending[i].req, m_results[i].code, m_results[i].detail);
+    Answer(channel, m_pending[i].id, hal::halop::kConfigureIPGateway, m_results[i].code, none);
   }
   m_pending.clear();
   m_pendingRoutes.clear();
+}
+
+void cHalProxy::Log(hal::cHalRequest const& req, int rc, std::string const& detail) {
+  std::string const what = hal::Describe(req);
+  HALPROXY_LOG(m_log.Level(what, rc), "%s -> %s", what.c_str(), ResultText(rc, detail).c_str());
 }
 
 void cHalProxy::Answer(kest::cChannel* channel, std::uint32_t id, std::uint16_t op, int rc,

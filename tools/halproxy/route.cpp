@@ -37,6 +37,7 @@ bool ValidInterfaceName(std::string const& name) {
 std::string FormatRoute(cRoute const& r) {
   std::string s;
   if (r.type == eRouteType::kUnreachable) s = "unreachable ";
+  if (r.type == eRouteType::kOther) s = "other ";
   if (r.prefixLen == 0 && r.dst == 0) {
     s += "default";
   } else {

@@ -7,7 +7,8 @@
 
 namespace halproxy {
 
-enum class eRouteType { kUnicast, kUnreachable };
+// kOther: blackhole, prohibit and the like; only others install them.
+enum class eRouteType { kUnicast, kUnreachable, kOther };
 
 struct cRoute {
   std::uint32_t dst = 0;  // host order, always masked to prefixLen
@@ -24,6 +25,12 @@ struct cRoute {
   }
   bool operator!=(cRoute const& o) const { return !(*this == o); }
 };
+
+// The kernel's key of a route in one table: NLM_F_REPLACE replaces the first
+// route of the same key, and routes of one key keep their order of arrival.
+inline bool SameKey(cRoute const& a, cRoute const& b) {
+  return a.dst == b.dst && a.prefixLen == b.prefixLen && a.metric == b.metric;
+}
 
 // "10.1.0.0/16 via 192.168.1.1 dev eth1 src 192.168.1.2 metric 0",
 // "default via 10.0.0.1 metric 5", "unreachable 10.9.0.0/16 metric 0";
