@@ -1,5 +1,6 @@
 #include "routeIO/route_server.h"
 
+#include <algorithm>
 #include <variant>
 
 #include "kest/format.h"
@@ -62,6 +63,7 @@ cRouteServer::cRouteServer(kest::cService* service, IRouteServer* callback)
 
 cRouteServer::~cRouteServer() {
   m_deliver = false;
+  if (m_retryTimer) kest::Loop().CancelTimer(m_retryTimer);
   m_server.Close();
 }
 
@@ -77,7 +79,22 @@ bool cRouteServer::SetReady() {
   }
   m_server.SetLimits(limits);
   // The server traces the listening address and its bounds, or why it cannot listen.
-  return m_server.Listen(sap, error);
+  if (m_server.Listen(sap, error)) {
+    m_retryMs = kRetryFirstMs;
+    return true;
+  }
+  // The address may be held by a dying predecessor or a stray process: try
+  // again, backing off, so the service opens once it is free.
+  if (m_retryTimer == 0) {
+    KEST_TRACE(kModule, kLevelError, "route service not listening; trying again in %u ms",
+               m_retryMs);
+    m_retryTimer = kest::Loop().AddTimer(m_retryMs, [this] {
+      m_retryTimer = 0;
+      SetReady();
+    });
+    m_retryMs = std::min(m_retryMs * 2, kRetryMaxMs);
+  }
+  return false;
 }
 
 void cRouteServer::OnOpen(kest::cChannel* channel) {

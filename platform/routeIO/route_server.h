@@ -63,6 +63,8 @@ class cRouteServer : private kest::IServerHandler {
   // Reads the properties above when it starts listening. A malformed one
   // keeps the service closed (traced with the property's name): falling
   // back to a default could open it wider than configured.
+  // When the access point cannot be taken (in use), it is tried again with
+  // backoff until it can.
   bool SetReady();  // again: harmless
   bool IsReady() const { return m_server.Listening(); }
   std::uint16_t BoundPort() const { return m_server.BoundPort(); }
@@ -77,6 +79,10 @@ class cRouteServer : private kest::IServerHandler {
   // Cleared while the server is torn down: the service that owns it is half
   // destroyed by then and must hear nothing more.
   bool m_deliver = true;
+  static constexpr unsigned kRetryFirstMs = 100;
+  static constexpr unsigned kRetryMaxMs = 5000;
+  unsigned m_retryMs = kRetryFirstMs;
+  kest::cEventLoop::TimerId m_retryTimer = 0;
   kest::cServer m_server;
 };
 

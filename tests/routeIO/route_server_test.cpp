@@ -247,6 +247,15 @@ TEST_F(RouteServerTest, AcceptsOnlyOnceReadyAnswersInOrderAndClientFailuresHaveC
   EXPECT_EQ(m_fake.lines, Lines{});
 }
 
+TEST_F(RouteServerTest, AnAccessPointInUseIsTakenOnceItIsFree) {
+  std::fclose(std::fopen(Path().c_str(), "w"));  // not a socket: never deleted to make room
+  m_server = std::make_unique<cRouteServer>(&m_service, &m_fake);
+  EXPECT_FALSE(m_server->SetReady());
+  EXPECT_THAT(m_traces.Messages(), Has("route service not listening; trying again in 100 ms"));
+  ASSERT_EQ(unlink(Path().c_str()), 0);
+  EXPECT_TRUE(PumpUntil([&] { return m_server->IsReady(); }));
+}
+
 // Decoding itself is tested with the codec: one body it refuses stands for all.
 TEST_F(RouteServerTest, GarbageClosesTheClientWithATraceAndCloseIsDelivered) {
   ASSERT_TRUE(Open());
