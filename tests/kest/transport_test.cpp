@@ -342,29 +342,47 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
   EXPECT_EQ(log, Strings{});  // the handler heard of none of them
 }
 
-TEST_F(TransportTest, AClientRefusedByAnotherServiceBacksOffOneLineAnAttempt) {
+// Refused by another service, or let in and dropped at once (full, or
+// hostile): either way the client backs off to its maximum, one line an
+// attempt, and a restart of the client waits out the backoff in force.
+TEST_F(TransportTest, AClientRefusedOrDroppedAtOnceBacksOffOneLineAnAttempt) {
   kest::cManualClock clock;
   kest::Loop().SetClock(&clock);
-  std::string const ap = Listen("127.0.0.1:0");
-  TestClient client(ap, nullptr, kOther);
-  ASSERT_TRUE(client.Start());
-  std::string const line = "cannot connect to " + ap + " (" + ap +
-                           " is the test service, not the other service); retrying in ";
-  for (unsigned delay : {100, 200, 400}) {
-    ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + std::to_string(delay)) == 1; }));
-    clock.Advance(delay);
+  std::string const refusing = Listen("127.0.0.1:0");
+  Listener dropping;
+  fcntl(dropping.fd, F_SETFL, O_NONBLOCK);
+  struct Case {
+    std::string ap, why;
+  } const cases[] = {
+      {refusing, refusing + " is the test service, not the other service"},
+      {dropping.Ap(), "closed by peer"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.ap);
+    traces.Clear();
+    TestClient client(c.ap, nullptr, kOther);
+    ASSERT_TRUE(client.Start());
+    std::string const line = "cannot connect to " + c.ap + " (" + c.why + "); retrying in ";
+    auto attempt = [&](unsigned delay) {
+      return PumpUntil([&] {
+        close(accept(dropping.fd, nullptr, nullptr));
+        return Traced(traces, line + std::to_string(delay)) == 1;
+      });
+    };
+    for (unsigned delay : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
+      ASSERT_TRUE(attempt(delay));
+      if (delay == 3200) {
+        client.Stop();
+        ASSERT_TRUE(client.Start());
+        kest::Loop().RunUntilIdle();
+        EXPECT_EQ(Traced(traces, "cannot connect to "), 6u);  // nothing before its time
+      }
+      clock.Advance(delay);
+    }
+    EXPECT_EQ(traces.Messages().size(), Traced(traces, "cannot connect to ") +
+                                            Traced(traces, "refusing connection from "));
+    EXPECT_EQ(client.log, Strings{});
   }
-  // A restart of the client waits out the backoff in force.
-  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + "800") == 1; }));
-  client.Stop();
-  ASSERT_TRUE(client.Start());
-  kest::Loop().RunUntilIdle();
-  EXPECT_EQ(Traced(traces, "cannot connect to "), 4u);
-  clock.Advance(800);
-  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, line + "1600") == 1; }));
-  EXPECT_EQ(traces.Messages().size(), 1 + Traced(traces, "cannot connect to ") +
-                                          Traced(traces, "refusing connection from "));
-  EXPECT_EQ(client.log, Strings{});
   EXPECT_EQ(log, Strings{});
 }
 
