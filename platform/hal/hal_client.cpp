@@ -31,11 +31,24 @@ int cHalClient::Call(cHalRequest const& req) {
   kest::cSerializeBuffer body, reply;
   if (!EncodeRequest(req, body)) {
     KEST_TRACE(kModule, kLevelError, "%s: request too large to send", halop::Name(req.op));
-    return halerr::kProtocol;
+    return Record(halerr::kProtocol);
   }
   if (m_batching) {
+    std::size_t const slot = m_batchResults.size();
+    m_batchResults.push_back(0);
+    bool const lostBefore = m_lostFirst != kNone;
     int rc = Post(req.op, body);
-    if (rc != 0) ++m_batchFailures;
+    if (rc == 0) {
+      m_unanswered.push_back(slot);
+      return 0;
+    }
+    if (!lostBefore && m_lostFirst != kNone) {
+      // The connection went while this request waited for room: one by one,
+      // an earlier request would have met that, and this one no connection.
+      if (rc == halerr::kTimeout) m_batchResults[m_lostFirst] = rc;
+      rc = halerr::kNotConnected;
+    }
+    m_batchResults[slot] = rc;
     return rc;
   }
   int rc = Request(req.op, body, reply);
@@ -49,17 +62,30 @@ int cHalClient::Call(cHalRequest const& req) {
   }
   return result;
 }
+int cHalClient::Record(int rc) {
+  if (m_batching) m_batchResults.push_back(rc);
+  return rc;
+}
 
 void cHalClient::BeginBatch() {
   m_batching = true;
-  m_batchFailures = 0;
+  m_batchResults.clear();
+  m_unanswered.clear();
+  m_lostFirst = kNone;
 }
 
-unsigned cHalClient::EndBatch() {
+unsigned cHalClient::EndBatch(std::vector<int>* results) {
   m_batching = false;
-  Collect();  // a failure is traced there and its requests counted as lost
-  unsigned failures = m_batchFailures;
-  m_batchFailures = 0;
+  bool const lostBefore = m_lostFirst != kNone;
+  // A failure is traced there, and the requests still due are lost.
+  if (Collect() == halerr::kTimeout && !lostBefore && m_lostFirst != kNone) {
+    m_batchResults[m_lostFirst] = halerr::kTimeout;
+  }
+  unsigned failures = 0;
+  for (int rc : m_batchResults) failures += rc != 0 ? 1 : 0;
+  if (results != nullptr) results->swap(m_batchResults);
+  m_batchResults.clear();
+  m_unanswered.clear();
   return failures;
 }
 
@@ -72,11 +98,20 @@ void cHalClient::OnPostedReply(kest::cFrame& frame) {
                error.c_str());
     result = halerr::kProtocol;
   }
-  if (result != 0) ++m_batchFailures;
+  // The proxy answers in the order asked.
+  if (m_unanswered.empty()) return;
+  m_batchResults[m_unanswered.front()] = result;
+  m_unanswered.pop_front();
 }
 
-void cHalClient::OnPostedLost(std::size_t count) {
-  m_batchFailures += static_cast<unsigned>(count);
+void cHalClient::OnPostedLost(std::size_t) {
+  // As the calls one by one would have ended: the oldest request unanswered
+  // waited while the connection went, the later ones found none.
+  if (m_unanswered.empty()) return;
+  m_lostFirst = m_unanswered.front();
+  for (std::size_t slot : m_unanswered) m_batchResults[slot] = halerr::kNotConnected;
+  m_batchResults[m_lostFirst] = halerr::kConnectionLost;
+  m_unanswered.clear();
 }
 
 int cHalClient::ConfigureIPGateway(std::string const& network, std::string const& netmask,
@@ -84,8 +119,8 @@ int cHalClient::ConfigureIPGateway(std::string const& network, std::string const
                                    std::string const& ifname, unsigned int const& metric,
                                    bool const& gwAvailable) {
   if (m_redirect != nullptr) {
-    return m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname, metric,
-                                          gwAvailable);
+    return Record(m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname,
+                                                 metric, gwAvailable));
   }
   cHalRequest req;
   req.op = halop::kConfigureIPGateway;
@@ -102,7 +137,7 @@ int cHalClient::ConfigureIPGateway(std::string const& network, std::string const
 int cHalClient::RemoveIPGateway(std::string const& network, std::string const& netmask,
                                 std::string const& gateway, bool const& gwAvailable) {
   if (m_redirect != nullptr) {
-    return m_redirect->RemoveIPGateway(network, netmask, gateway, gwAvailable);
+    return Record(m_redirect->RemoveIPGateway(network, netmask, gateway, gwAvailable));
   }
   cHalRequest req;
   req.op = halop::kRemoveIPGateway;
@@ -114,7 +149,7 @@ int cHalClient::RemoveIPGateway(std::string const& network, std::string const& n
 }
 
 int cHalClient::ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) {
-  if (m_redirect != nullptr) return m_redirect->ConfigureIpDefaultGateway(gateway, metric);
+  if (m_redirect != nullptr) return Record(m_redirect->ConfigureIpDefaultGateway(gateway, metric));
   cHalRequest req;
   req.op = halop::kConfigureIpDefaultGateway;
   req.gateway = gateway;
@@ -123,7 +158,7 @@ int cHalClient::ConfigureIpDefaultGateway(std::string const& gateway, unsigned i
 }
 
 int cHalClient::RemoveIPDefaultGateway(std::string const& gateway) {
-  if (m_redirect != nullptr) return m_redirect->RemoveIPDefaultGateway(gateway);
+  if (m_redirect != nullptr) return Record(m_redirect->RemoveIPDefaultGateway(gateway));
   cHalRequest req;
   req.op = halop::kRemoveIPDefaultGateway;
   req.gateway = gateway;

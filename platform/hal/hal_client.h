@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -56,9 +57,11 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // answers one by one (they return 0 once sent, or why they could not be
   // sent), which saves a round trip per request and lets the proxy hand the
   // kernel many routes at once. EndBatch waits for every answer and returns
-  // how many were not 0 or never came. A redirect sees the calls as usual.
+  // how many were not 0 or never came; results, if given, receives every
+  // request's result in the order asked, as the calls one by one would have
+  // returned them. A redirect sees the calls as usual.
   void BeginBatch();
-  unsigned EndBatch();
+  unsigned EndBatch(std::vector<int>* results = nullptr);
 
   // Every operation goes to api instead of the HAL proxy; nullptr restores.
   void Redirect(IHalApi* api) { m_redirect = api; }
@@ -77,11 +80,15 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
 
  private:
   int Call(cHalRequest const& req);
+  int Record(int rc);  // in a batch: rc is the result of the request just asked
 
   [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
   bool m_batching = false;
-  unsigned m_batchFailures = 0;
+  std::vector<int> m_batchResults;     // per request of the batch, in the order asked
+  std::deque<std::size_t> m_unanswered;  // indexes into m_batchResults, oldest first
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::size_t m_lostFirst = kNone;       // the request unanswered when the connection went
 };
 
 // Nothing to set up or tear down; kept for the library's start/stop contract.

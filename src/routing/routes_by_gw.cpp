@@ -32,6 +32,11 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
   }
 
   kest::s_socket_addr const noSource("0.0.0.0", 0);
+  // The refresh batches all of its requests itself.
+  bool const pass = !m_refreshing;
+  if (pass) {
+    BeginHalPass();
+  }
   for (auto const& [key, route] : walked) {
     std::optional<cConfiguredRequest> const req = ConfiguredRequest(gw, route);
     if (!req) {
@@ -43,6 +48,9 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
       HalSetRoute(route.m_network, route.m_netmask, req->gateway, noSource, req->ifname,
                   req->metric, req->gwAvail);
     }
+  }
+  if (pass) {
+    EndHalPass();
   }
 }
 
