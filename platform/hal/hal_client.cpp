@@ -1,7 +1,5 @@
 #include "hal/hal_client.h"
 
-#include <algorithm>
-
 #include "hal/hal_errors.h"
 #include "hal/hal_protocol.h"
 #include "kest/message.h"
@@ -35,12 +33,24 @@ int cHalClient::Call(cHalRequest const& req) {
   kest::cSerializeBuffer body, reply;
   if (!EncodeRequest(req, body)) {
     KEST_TRACE(kModule, kLevelError, "%s: request too large to send", halop::Name(req.op));
-    return halerr::kProtocol;
+    return Record(halerr::kProtocol);
   }
   if (m_batching) {
-    ++m_batchRequests;
+    std::size_t const slot = m_batchResults.size();
+    m_batchResults.push_back(0);
+    bool const lostBefore = m_lostFirst != kNone;
     int rc = Post(req.op, body);
-    if (rc != 0) ++m_batchFailures;
+    if (rc == 0) {
+      m_unanswered.push_back(slot);
+      return 0;
+    }
+    if (!lostBefore && m_lostFirst != kNone) {
+      // The connection went while this request waited for room: one by one,
+      // an earlier request would have met that, and this one no connection.
+      if (rc == halerr::kTimeout) m_batchResults[m_lostFirst] = rc;
+      rc = halerr::kNotConnected;
+    }
+    m_batchResults[slot] = rc;
     return rc;
   }
   int rc = Request(req.op, body, reply);
@@ -54,24 +64,53 @@ int cHalClient::Call(cHalRequest const& req) {
   }
   return result;
 }
+int cHalClient::Record(int rc) {
+  if (m_batching) m_batchResults.push_back(rc);
+  return rc;
+}
 
 void cHalClient::BeginBatch() {
   m_batching = true;
-  m_batchFailures = 0;
-  m_batchRequests = 0;
+  m_batchResults.clear();
+  m_unanswered.clear();
+  m_lostFirst = kNone;
+}
+
+unsigned cHalClient::EndBatch(std::vector<int>* results) {
+  m_batching = false;
+  bool const lostBefore = m_lostFirst != kNone;
+  // A failure is traced there, and the requests still due are lost.
+  if (Collect() == halerr::kTimeout && !lostBefore && m_lostFirst != kNone) {
+    m_batchResults[m_lostFirst] = halerr::kTimeout;
+  }
+  unsigned failures = 0;
+  for (int rc : m_batchResults) failures += rc != 0 ? 1 : 0;
+  if (results != nullptr) results->swap(m_batchResults);
+  m_batchResults.clear();
+  m_unanswered.clear();
+  return failures;
+}
+
+void cHalClient::BeginRefresh() {
+  BeginBatch();
   // A redirect sees only the route operations; a proxy that is not there
   // gets no mark, and the end mark then has nothing to close.
   m_marked = m_redirect == nullptr && IsConnected() && PostMark(halop::kRefreshStart);
 }
 
-unsigned cHalClient::EndBatch() {
+unsigned cHalClient::EndRefresh() {
   if (m_marked && IsConnected()) PostMark(halop::kRefreshEnd);
   m_marked = false;
-  m_batching = false;
-  Collect();  // a failure is traced there and its requests counted as lost
-  unsigned failures = m_batchFailures;
-  m_batchFailures = 0;
-  LogBatch(failures);
+  std::vector<int> results;
+  unsigned const failures = EndBatch(&results);
+  // A route that keeps failing fails again every refresh: say so when the
+  // count changes, not every 5 s.
+  bool const changed = failures != m_lastRefreshFailures;
+  m_lastRefreshFailures = failures;
+  if (failures != 0 || changed) {
+    KEST_TRACE(kModule, changed ? kLevelInfo : kLevelDebug, "refresh: %u of %zu requests failed",
+               failures, results.size());
+  }
   return failures;
 }
 
@@ -80,16 +119,6 @@ bool cHalClient::PostMark(std::uint16_t op) {
   if (Post(op, body) != 0) return false;
   ++m_marksDue;
   return true;
-}
-
-void cHalClient::LogBatch(unsigned failures) {
-  // A route that keeps failing fails again every refresh: say so when the
-  // count changes, not every 5 s.
-  bool const changed = failures != m_lastBatchFailures;
-  m_lastBatchFailures = failures;
-  if (failures == 0 && !changed) return;
-  KEST_TRACE(kModule, changed ? kLevelInfo : kLevelDebug, "refresh: %u of %u requests failed",
-             failures, m_batchRequests);
 }
 
 void cHalClient::OnPostedReply(kest::cFrame& frame) {
@@ -107,13 +136,21 @@ void cHalClient::OnPostedReply(kest::cFrame& frame) {
                error.c_str());
     result = halerr::kProtocol;
   }
-  if (result != 0) ++m_batchFailures;
+  // The proxy answers in the order asked.
+  if (m_unanswered.empty()) return;
+  m_batchResults[m_unanswered.front()] = result;
+  m_unanswered.pop_front();
 }
 
-void cHalClient::OnPostedLost(std::size_t count) {
-  std::size_t const marks = std::min<std::size_t>(count, m_marksDue);
-  m_marksDue -= marks;
-  m_batchFailures += static_cast<unsigned>(count - marks);
+void cHalClient::OnPostedLost(std::size_t) {
+  m_marksDue = 0;
+  // As the calls one by one would have ended: the oldest request unanswered
+  // waited while the connection went, the later ones found none.
+  if (m_unanswered.empty()) return;
+  m_lostFirst = m_unanswered.front();
+  for (std::size_t slot : m_unanswered) m_batchResults[slot] = halerr::kNotConnected;
+  m_batchResults[m_lostFirst] = halerr::kConnectionLost;
+  m_unanswered.clear();
 }
 
 int cHalClient::ConfigureIPGateway(std::string const& network, std::string const& netmask,
@@ -121,8 +158,8 @@ int cHalClient::ConfigureIPGateway(std::string const& network, std::string const
                                    std::string const& ifname, unsigned int const& metric,
                                    bool const& gwAvailable) {
   if (m_redirect != nullptr) {
-    return m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname, metric,
-                                          gwAvailable);
+    return Record(m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname,
+                                                 metric, gwAvailable));
   }
   cHalRequest req;
   req.op = halop::kConfigureIPGateway;
@@ -139,7 +176,7 @@ int cHalClient::ConfigureIPGateway(std::string const& network, std::string const
 int cHalClient::RemoveIPGateway(std::string const& network, std::string const& netmask,
                                 std::string const& gateway, bool const& gwAvailable) {
   if (m_redirect != nullptr) {
-    return m_redirect->RemoveIPGateway(network, netmask, gateway, gwAvailable);
+    return Record(m_redirect->RemoveIPGateway(network, netmask, gateway, gwAvailable));
   }
   cHalRequest req;
   req.op = halop::kRemoveIPGateway;
@@ -151,7 +188,7 @@ int cHalClient::RemoveIPGateway(std::string const& network, std::string const& n
 }
 
 int cHalClient::ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) {
-  if (m_redirect != nullptr) return m_redirect->ConfigureIpDefaultGateway(gateway, metric);
+  if (m_redirect != nullptr) return Record(m_redirect->ConfigureIpDefaultGateway(gateway, metric));
   cHalRequest req;
   req.op = halop::kConfigureIpDefaultGateway;
   req.gateway = gateway;
@@ -160,7 +197,7 @@ int cHalClient::ConfigureIpDefaultGateway(std::string const& gateway, unsigned i
 }
 
 int cHalClient::RemoveIPDefaultGateway(std::string const& gateway) {
-  if (m_redirect != nullptr) return m_redirect->RemoveIPDefaultGateway(gateway);
+  if (m_redirect != nullptr) return Record(m_redirect->RemoveIPDefaultGateway(gateway));
   cHalRequest req;
   req.op = halop::kRemoveIPDefaultGateway;
   req.gateway = gateway;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -56,12 +57,19 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // answers one by one (they return 0 once sent, or why they could not be
   // sent), which saves a round trip per request and lets the proxy hand the
   // kernel many routes at once. EndBatch waits for every answer and returns
-  // how many were not 0 or never came. A redirect sees the calls as usual.
-  // A batch is a complete statement of what the caller wants (the refresh):
-  // it goes to the proxy between RefreshStart and RefreshEnd marks, so the
-  // proxy can remove what it installed earlier and nobody wants any more.
+  // how many were not 0 or never came; results, if given, receives every
+  // request's result in the order asked, as the calls one by one would have
+  // returned them. A redirect sees the calls as usual.
   void BeginBatch();
-  unsigned EndBatch();
+  unsigned EndBatch(std::vector<int>* results = nullptr);
+  // A batch that is a complete statement of what the caller wants (the
+  // refresh): it goes to the proxy between RefreshStart and RefreshEnd marks,
+  // so the proxy can remove what it installed earlier and nobody wants any
+  // more. Other batches (a pass of the service) must not be marked, or the
+  // proxy would sweep everything the pass did not name. EndRefresh logs the
+  // failures when their count changes.
+  void BeginRefresh();
+  unsigned EndRefresh();
 
   // Every operation goes to api instead of the HAL proxy; nullptr restores.
   void Redirect(IHalApi* api) { m_redirect = api; }
@@ -70,7 +78,7 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   // The proxy's table as readable lines; the result as for the route operations.
   int ListRoutes(std::vector<std::string>& lines);
   // The next count requests of op (0 = all until cleared) answer code;
-  // code 0 clears. A proxy started without --enable-test-ops refuses it (-1).
+  // code 0 clears. Only the in-memory backend of the proxy supports it.
   int InjectFault(std::uint16_t op, int code, std::uint32_t count);
 
  protected:
@@ -80,17 +88,19 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
 
  private:
   int Call(cHalRequest const& req);
+  int Record(int rc);  // in a batch: rc is the result of the request just asked
   bool PostMark(std::uint16_t op);
-  void LogBatch(unsigned failures);
 
   [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
   bool m_batching = false;
-  unsigned m_batchFailures = 0;
-  unsigned m_batchRequests = 0;
-  unsigned m_lastBatchFailures = 0;
+  std::vector<int> m_batchResults;     // per request of the batch, in the order asked
+  std::deque<std::size_t> m_unanswered;  // indexes into m_batchResults, oldest first
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::size_t m_lostFirst = kNone;       // the request unanswered when the connection went
   bool m_marked = false;       // this batch began with a RefreshStart mark
   std::size_t m_marksDue = 0;  // marks posted and not yet answered
+  unsigned m_lastRefreshFailures = 0;
 };
 
 // Nothing to set up or tear down; kept for the library's start/stop contract.

@@ -21,6 +21,7 @@ void cRouteMgrService::OnClientClosed(routeIO::cRouteServer*, kest::cChannel* cl
   std::set<std::string> const tags = std::move(owner->second);
   RM_TRACE("found custom routes by disconnected client - deleting");
   int deleted = 0;
+  BeginHalPass();
   for (std::string const& tag : tags) {
     auto it = m_Routes.find(tag);
     if (it == m_Routes.end()) {
@@ -30,6 +31,7 @@ void cRouteMgrService::OnClientClosed(routeIO::cRouteServer*, kest::cChannel* cl
     m_Routes.erase(it);
     ++deleted;
   }
+  EndHalPass();
   RM_TRACEF("%d of %d routes deleted", deleted, static_cast<int>(tags.size()));
   m_RoutesByClient.erase(client);
 }

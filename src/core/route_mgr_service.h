@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "dataIO/data_client.h"
 #include "hal/hal_client.h"
@@ -74,6 +75,11 @@ class cRouteMgrService : public kest::cScmService,
   void SetDefaultGateways();
   void SetCustomRoutes();
   void SetRoutesByGw(bool _bNewVal, bool _bDelRoutes);
+  // A pass whose HAL answers are only traced: its requests go out without
+  // waiting for each answer, and EndHalPass, with every answer in, writes the
+  // failure traces the calls one by one would have written, in their order.
+  void BeginHalPass();
+  void EndHalPass();
 
   // Data client lifecycle.
   void RestartDataClient();
@@ -105,6 +111,8 @@ class cRouteMgrService : public kest::cScmService,
   dataIO::cDBNetworkStatusCollection* m_networkStatus;
   dataIO::cDBWanRoutingCollection* m_RoutingCollection;
   bool m_refreshing;
+  bool m_halPass = false;
+  std::vector<bool> m_halPassSets;  // per request of the pass: installation, else removal
   bool m_StatusReceived;
   bool m_ConfigReceived;
   std::string m_dataMgrSap;

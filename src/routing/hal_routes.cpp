@@ -6,6 +6,14 @@ namespace {
 kest::s_socket_addr Masked(kest::s_socket_addr const& network, kest::s_socket_addr const& netmask) {
   return kest::s_socket_addr(network.GetIP() & netmask.GetIP(), 0);
 }
+
+void TraceFailure(bool set, int rc) {
+  if (set) {
+    RM_TRACEF("Error Setting Route :%d", rc);
+  } else {
+    RM_TRACEF("Error Deleting Route :%d", rc);
+  }
+}
 }  // namespace
 
 bool cRouteMgrService::GetGatewayByTag(std::string const& tag, cGWEntry& gateway) {
@@ -33,10 +41,14 @@ int cRouteMgrService::HalSetRoute(kest::s_socket_addr const& network,
   std::string src = source.GetIPString();
   unsigned int metric = priority;
   int rc = m_halClient.ConfigureIPGateway(net, mask, gw, src, ifname, metric, _bGwAvail);
+  if (m_halPass) {
+    m_halPassSets.push_back(true);
+    return rc;
+  }
   // The refresh repeats every request each period; a failure there would
   // flood the trace with the same line.
   if (rc != 0 && !m_refreshing) {
-    RM_TRACEF("Error Setting Route :%d", rc);
+    TraceFailure(true, rc);
   }
   return rc;
 }
@@ -48,10 +60,33 @@ int cRouteMgrService::HalDelRoute(kest::s_socket_addr const& network,
   std::string mask = netmask.GetIPString();
   std::string gw = gateway.GetIPString();
   int rc = m_halClient.RemoveIPGateway(net, mask, gw, _bGwAvail);
+  if (m_halPass) {
+    m_halPassSets.push_back(false);
+    return rc;
+  }
   if (rc != 0) {
-    RM_TRACEF("Error Deleting Route :%d", rc);
+    TraceFailure(false, rc);
   }
   return rc;
+}
+
+void cRouteMgrService::BeginHalPass() {
+  m_halPass = true;
+  m_halPassSets.clear();
+  m_halClient.BeginBatch();
+}
+
+void cRouteMgrService::EndHalPass() {
+  std::vector<int> results;
+  m_halClient.EndBatch(&results);
+  m_halPass = false;
+  // Only route requests are made in a pass, one result each.
+  for (std::size_t i = 0; i < results.size() && i < m_halPassSets.size(); ++i) {
+    if (results[i] != 0) {
+      TraceFailure(m_halPassSets[i], results[i]);
+    }
+  }
+  m_halPassSets.clear();
 }
 
 void cRouteMgrService::SetDefaultGateways() {

@@ -32,6 +32,11 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
   }
 
   kest::s_socket_addr const noSource("0.0.0.0", 0);
+  // The refresh batches all of its requests itself.
+  bool const pass = !m_refreshing;
+  if (pass) {
+    BeginHalPass();
+  }
   for (auto const& [key, route] : walked) {
     std::optional<cConfiguredRequest> const req = ConfiguredRequest(gw, route);
     if (!req) {
@@ -44,6 +49,9 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
                   req->metric, req->gwAvail);
     }
   }
+  if (pass) {
+    EndHalPass();
+  }
 }
 
 void cRouteMgrService::OnRefresh(kest::cMsg&) {
@@ -54,10 +62,12 @@ void cRouteMgrService::OnRefresh(kest::cMsg&) {
   // Nothing of the refresh looks at the HAL's answers, so its requests go out
   // without waiting for them one by one; the batch ends, with every answer
   // in, before any other message is handled.
-  m_halClient.BeginBatch();
+  // It is also everything the service wants, so the proxy may remove what
+  // nobody asks for any more.
+  m_halClient.BeginRefresh();
   SetDefaultGateways();
   SetRoutesByGw(false, false);
   SetCustomRoutes();
-  m_halClient.EndBatch();
+  m_halClient.EndRefresh();
   m_refreshing = false;
 }

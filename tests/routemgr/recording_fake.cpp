@@ -12,24 +12,29 @@ int FakeHal::ConfigureIPGateway(std::string const& network, std::string const& n
   log.push_back(kest::FormatString("ConfigureIPGateway %s %s %s %s '%s' %u %d", network.c_str(),
                                    netmask.c_str(), gateway.c_str(), source.c_str(),
                                    ifname.c_str(), metric, gwAvailable ? 1 : 0));
-  return answer["ConfigureIPGateway"];
+  return Answer("ConfigureIPGateway");
 }
 
 int FakeHal::RemoveIPGateway(std::string const& network, std::string const& netmask,
                              std::string const& gateway, bool const& gwAvailable) {
   log.push_back(kest::FormatString("RemoveIPGateway %s %s %s %d", network.c_str(),
                                    netmask.c_str(), gateway.c_str(), gwAvailable ? 1 : 0));
-  return answer["RemoveIPGateway"];
+  return Answer("RemoveIPGateway");
 }
 
 int FakeHal::ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) {
   log.push_back(kest::FormatString("ConfigureIpDefaultGateway %s %u", gateway.c_str(), metric));
-  return answer["ConfigureIpDefaultGateway"];
+  return Answer("ConfigureIpDefaultGateway");
 }
 
 int FakeHal::RemoveIPDefaultGateway(std::string const& gateway) {
   log.push_back("RemoveIPDefaultGateway " + gateway);
-  return answer["RemoveIPDefaultGateway"];
+  return Answer("RemoveIPDefaultGateway");
+}
+
+int FakeHal::Answer(char const* op) {
+  auto it = answerLine.find(log.back());
+  return it != answerLine.end() ? it->second : answer[op];
 }
 
 std::vector<std::string> FakeHal::Take() { return std::exchange(log, {}); }

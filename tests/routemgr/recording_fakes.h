@@ -25,6 +25,10 @@ class FakeHal : public hal::IHalApi {
   std::vector<std::string> log;
   // Result of the next calls of an operation ("ConfigureIPGateway", ...); 0 when unset.
   std::map<std::string, int> answer;
+  std::map<std::string, int> answerLine;  // by the call's log line; before answer
+
+ private:
+  int Answer(char const* op);  // for the call just logged
 };
 
 class FakeData : public dataIO::IDataApi {

@@ -1,0 +1,117 @@
+// The passes whose HAL answers are only traced go out as batches: against a
+// real proxy they must ask and trace exactly what the recording fake, asked
+// one call at a time, shows for the same answers.
+#ifdef HALPROXY_PATH
+#include <functional>
+#include <regex>
+
+#include "hal/hal_protocol.h"
+#include "halproxy/proxy_process.h"
+#include "service_fixture.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// The proxy's log of the requests it answered, in the fake's notation.
+Lines ProxyCalls(std::string const& log) {
+  static std::regex const request(R"(:\d+ (\w+) (.*) -> )");
+  static std::regex const set(R"((\S+)/(\S+) via (\S+) dev (\S+) src (\S+) metric (\d+) avail=(\d))");
+  static std::regex const del(R"((\S+)/(\S+) via (\S+) avail=(\d))");
+  static std::regex const dflt(R"((\S+) metric (\d+))");
+  Lines calls;
+  for (std::sregex_iterator it(log.begin(), log.end(), request), end; it != end; ++it) {
+    std::string const op = (*it)[1], args = (*it)[2];
+    std::string line = op + " " + args;
+    if (op == "ConfigureIPGateway") {
+      line = op + " " + std::regex_replace(args, set, "$1 $2 $3 $5 '$4' $6 $7");
+      line = std::regex_replace(line, std::regex("'-'"), "''");
+    } else if (op == "RemoveIPGateway") {
+      line = op + " " + std::regex_replace(args, del, "$1 $2 $3 $4");
+    } else if (op == "ConfigureIpDefaultGateway") {
+      line = op + " " + std::regex_replace(args, dflt, "$1 $2");
+    } else if (op != "RemoveIPDefaultGateway") {
+      continue;  // the test's own requests
+    }
+    calls.push_back(line);
+  }
+  return calls;
+}
+
+struct Outcome {
+  Lines calls, traces;
+};
+
+class HalBatchTest : public ServiceTest {
+ protected:
+  // The scenario; fail(step) makes the HAL answer as the proxy will at that step.
+  Outcome Scenario(std::function<void(int)> const& fail) {
+    Outcome run;
+    fail(0);
+    SetGw("wired", "192.168.1.1", NORMAL, 0, "eth1");
+    ConnectData();
+    SyncStatus("dsl");
+    SyncRouting({{"a", "10.1.0.0", "255.255.0.0", 1},
+                 {"b", "10.2.0.0", "255.255.0.0", 3},
+                 {"c", "10.3.0.0", "255.255.0.0", 1}});
+    // The VPN's interface does not exist: its route fails between two good ones.
+    SetGw("vpn", "10.8.0.1", NORMAL, 7, "tun0");
+    SetRoute(1, "10.4.0.0", "255.255.0.0", "192.168.1.1", "t1");
+    SetRoute(1, "10.5.0.0", "255.255.0.0", "192.168.1.1", "t2", "0.0.0.0", "tun0");
+    SetRoute(1, "10.6.0.0", "255.255.0.0", "192.168.1.1", "t3");
+    svc->OnClientClosed(nullptr, Client(1));
+    fail(1);  // the next removal meets an injected fault
+    SyncRouting({{"a", "10.1.0.0", "255.255.0.0", 1}, {"c", "10.3.0.0", "255.255.0.0", 1}});
+    fail(2);  // the proxy is gone
+    run.calls = hal.Take();
+    svc->DelGateway("wired");
+    run.traces = Traces();
+    return run;
+  }
+};
+
+TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
+  if (std::string const why = testsupport::CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
+  Outcome const fake = Scenario([this](int step) {
+    auto& line = hal.answerLine;
+    if (step == 0) {
+      line["ConfigureIPGateway 10.2.0.0 255.255.0.0 10.8.0.1 0.0.0.0 'tun0' 7 1"] = -19;
+      line["ConfigureIPGateway 10.5.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'tun0' 0 1"] = -19;
+    }
+    if (step == 1) line["RemoveIPGateway 10.1.0.0 255.255.0.0 192.168.1.1 1"] = -1;
+    if (step == 2) {
+      line["RemoveIPGateway 10.1.0.0 255.255.0.0 192.168.1.1 1"] = -1004;  // in flight
+      hal.answer["RemoveIPGateway"] = hal.answer["ConfigureIPGateway"] = -1001;
+    }
+  });
+  EXPECT_EQ(fake.traces.back(), "Error Setting Route :-1001");
+
+  halproxy_test::cProxyProcess proxy;
+  Lines args{"--interfaces=eth1", "--log-level=debug"};
+  // Fault injection is a test operation, off unless switched on where it can be.
+  proxy.Run({"--help"});
+  if (proxy.Log().find("--enable-test-ops") != std::string::npos) args.push_back("--enable-test-ops");
+  ASSERT_TRUE(proxy.Start(args));
+  ASSERT_TRUE(proxy.Connect());
+  svc = std::make_unique<cRouteMgrService>("127.0.0.1:1", proxy.AccessPoint());
+  svc->DataClient().Redirect(&data);
+  svc->HalClient().Start();
+  ASSERT_TRUE(halproxy_test::PumpUntil([&] { return svc->HalClient().IsConnected(); }));
+  clients.clear();
+  Traces();
+  Lines calls;
+  Outcome const real = Scenario([&](int step) {
+    if (step == 1) {
+      EXPECT_EQ(0, proxy.Hal().InjectFault(hal::halop::kRemoveIPGateway, -1, 1));
+    }
+    if (step == 2) {
+      calls = ProxyCalls(proxy.Log());
+      proxy.Kill();
+    }
+  });
+  EXPECT_EQ(calls, fake.calls);
+  EXPECT_EQ(real.traces, fake.traces);
+}
+
+}  // namespace
+#endif  // HALPROXY_PATH
