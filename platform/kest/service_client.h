@@ -60,7 +60,8 @@ class cServiceClient : private IChannelHandler {
   // Sends a request and waits (polling only this connection) for its reply
   // at most the timeout. Returns 0 with the reply body, or a clienterr code.
   // Events that arrive meanwhile are kept and dispatched from the loop later.
-  int Request(std::uint16_t op, cSerializeBuffer const& body, cSerializeBuffer& reply);
+  [[nodiscard]] int Request(std::uint16_t op, cSerializeBuffer const& body,
+                            cSerializeBuffer& reply);
   bool SendEvent(std::uint16_t op, cSerializeBuffer const& body);
 
   // Pipelined requests, for callers that need no answer before they go on.
@@ -70,11 +71,11 @@ class cServiceClient : private IChannelHandler {
   // first waits for answers, so neither side's socket buffers fill up.
   // 0, or a clienterr code and the request was not sent.
   static constexpr std::size_t kPostWindow = 256;
-  int Post(std::uint16_t op, cSerializeBuffer const& body);
+  [[nodiscard]] int Post(std::uint16_t op, cSerializeBuffer const& body);
   // Waits until every posted request is answered: 0, or kTimeout or
   // kConnectionLost, and the connection is gone with the answers still due
   // (OnPostedLost counts them).
-  int Collect();
+  [[nodiscard]] int Collect();
 
   void AddWatcher(cServiceClientWatcher* watcher);
   void RemoveWatcher(cServiceClientWatcher* watcher);

@@ -37,7 +37,7 @@ class IRouteBackend {
 
   virtual ~IRouteBackend() = default;
 
-  virtual cResult Install(cRoute const& route, eInstall how) = 0;
+  [[nodiscard]] virtual cResult Install(cRoute const& route, eInstall how) = 0;
   // Installs routes in order, each as Install would; results[i] answers
   // routes[i]. A backend that can hand the kernel many routes in one
   // exchange overrides it.
@@ -48,9 +48,9 @@ class IRouteBackend {
   }
   // Removes exactly this route of ours (destination, prefix, type, gateway,
   // metric); one that is not there is success.
-  virtual cResult Remove(cRoute const& route) = 0;
+  [[nodiscard]] virtual cResult Remove(cRoute const& route) = 0;
   // The main table's IPv4 routes in table order, ours flagged.
-  virtual cResult List(std::vector<cTableRoute>& routes) = 0;
+  [[nodiscard]] virtual cResult List(std::vector<cTableRoute>& routes) = 0;
   // changed runs (from the loop) whenever routes of ours may have gone
   // behind the proxy's back or may be installable again: a route of ours
   // deleted by somebody else, a link or an address that came or went, lost
