@@ -16,6 +16,7 @@ namespace {
 TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
   cStack stack;
   ASSERT_TRUE(stack.Start());
+  ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));  // the configuration is in
   ASSERT_EQ(stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
                             "default", "metric", "5"})
                 .status,
@@ -79,6 +80,7 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   stack.dataSap = "unix:" + run.Path() + "/data/data.sock";
   stack.routeSap = "unix:" + run.Path() + "/route/route.sock";
   ASSERT_TRUE(stack.Start());
+  ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));  // the configuration is in
   std::vector<std::string> const before = stack.HalTable();
 
   std::string const nobody = "setpriv --reuid=65534 --regid=65534 ";
