@@ -22,6 +22,15 @@ foreach(f ${programs} ${files})
     message(FATAL_ERROR "not installed: ${f}")
   endif()
 endforeach()
+# The service files run the programs where this install put them.
+foreach(f ${files} ${programs})
+  if(f MATCHES "(service|init.d/.*)$")
+    file(STRINGS ${PREFIX}/${f} runs REGEX "^(ExecStart=|PROG=)")
+    if(NOT runs MATCHES "${PREFIX}/sbin/")
+      message(FATAL_ERROR "${f} does not run the programs in ${PREFIX}/sbin: ${runs}")
+    endif()
+  endif()
+endforeach()
 foreach(p ${programs})
   # Run from where they are (on the build machine only when built for it),
   # else at least executable.
