@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the build into a staging tree as a Debian package would
 # (--prefix /usr, DESTDIR) and checks the service files there: systemd
-# accepts the units, and every path under the prefix that a unit or init
-# script names, and every program they run, exists in the tree.
+# accepts the units, every path under the prefix that a unit or init
+# script names exists in the tree, and the manual pages are there and clean.
 #   scripts/ci-install.sh            # uses build/ (scripts/test.sh's), builds it if needed
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -37,6 +37,18 @@ for f in "${units[@]}" "${scripts[@]}"; do
   done
 done
 
+# The manual pages: installed, and groff has nothing to say about them.
+for page in man8/routemgr.8 man8/halproxy.8 man8/datamgr.8 man1/routectl.1 man1/datactl.1; do
+  f="$STAGE$PREFIX/share/man/$page"
+  if [ ! -f "$f" ]; then
+    echo "not installed: $PREFIX/share/man/$page" >&2
+    fail=1
+  elif [ -n "$(LC_ALL=C.UTF-8 groff -man -ww -z -Tutf8 "$f" 2>&1)" ]; then
+    LC_ALL=C.UTF-8 groff -man -ww -z -Tutf8 "$f" >&2
+    fail=1
+  fi
+done
+
 # What the system the package goes onto provides: its own units (the
 # targets ours hang off) and kill(1) for ExecReload=.
 mkdir -p "$STAGE/usr/bin" "$STAGE/etc/systemd/system"
@@ -49,5 +61,5 @@ if ! systemd-analyze verify --root="$STAGE" --man=no "${units[@]#"$STAGE"}" >"$S
   cat "$STAGE/verify.log" >&2
   fail=1
 fi
-[ "$fail" -eq 0 ] && echo "service files verified; every path they name under $PREFIX is installed"
+[ "$fail" -eq 0 ] && echo "service files verified; every path they name under $PREFIX is installed; manual pages clean"
 exit "$fail"
