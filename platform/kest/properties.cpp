@@ -1,5 +1,7 @@
 #include "kest/properties.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -143,8 +145,12 @@ bool kestInit(int argc, char** argv, std::string const& usage) {
   cPropertyList& props = Properties();
   props.Clear();
   for (auto const& f : files) {
+    // "-FILE" is read when it exists, as systemd's EnvironmentFile=-FILE: the
+    // service files name the administrator's file that way.
+    bool const optional = f.size() > 1 && f[0] == '-';
+    if (optional && ::access(f.c_str() + 1, F_OK) != 0 && errno == ENOENT) continue;
     std::string error;
-    if (!props.LoadFile(f, error)) UsageError(prog, error);
+    if (!props.LoadFile(optional ? f.substr(1) : f, error)) UsageError(prog, error);
   }
   for (auto const& kv : overrides) props.Set(kv.first, kv.second);
 

@@ -20,6 +20,8 @@ cScmService::cScmService() {
   m_onLoopEnd = [this] {
     Loop().CancelTimer(m_aliveTimer);
     m_aliveTimer = 0;
+    Loop().CancelTimer(m_statusTimer);
+    m_statusTimer = 0;
     SetServiceStatusStopping();
   };
 }
@@ -72,6 +74,8 @@ bool cScmService::Init(std::string const& name, unsigned int number) {
 void cScmService::DeInit() {
   if (m_aliveTimer != 0) Loop().CancelTimer(m_aliveTimer);
   m_aliveTimer = 0;
+  if (m_statusTimer != 0) Loop().CancelTimer(m_statusTimer);
+  m_statusTimer = 0;
   if (m_notifyFd >= 0) close(m_notifyFd);
   m_notifyFd = -1;
   m_notifyPath.clear();
@@ -107,6 +111,20 @@ void cScmService::OnLoopStart() {
     m_aliveDue = Loop().NowMs() + m_watchdogMs;
     ScheduleAliveCheck();
   }
+  // The first status right after OnScmConnected, which reports readiness.
+  if (m_statusSource) m_statusTimer = Loop().AddTimer(0, [this] { ReportStatus(); });
+}
+
+// Polled rather than pushed: the text is built from several libraries'
+// state, and an operator needs it no more often than once a second.
+void cScmService::ReportStatus() {
+  constexpr std::uint64_t kStatusPeriodMs = 1000;
+  m_statusTimer = Loop().AddTimer(kStatusPeriodMs, [this] { ReportStatus(); });
+  std::string status = m_statusSource();
+  if (status == m_status) return;
+  m_status = status;
+  KEST_TRACE("kest", "005", "%s: %s", Name().c_str(), status.c_str());
+  Notify("STATUS=" + status);
 }
 
 void cScmService::ScheduleAliveCheck() {

@@ -64,17 +64,26 @@ class cScmService : public cService {
   bool SetServiceAlive();          // WATCHDOG=1
   bool SetServiceStatusStopping(); // STOPPING=1
   bool ScmAttached() const { return m_notifyFd >= 0; }
+  // What the service is doing, in a few words, for the operator: asked for
+  // once a second from the start of the loop; each new text goes to the
+  // manager as STATUS= and into the log (the only place procd shows it).
+  // Not a virtual, so the table of virtual operations stays as it is.
+  void SetStatusSource(std::function<std::string()> source) { m_statusSource = std::move(source); }
 
  private:
   void OnLoopStart();
   bool Notify(std::string const& text);
   void ScheduleAliveCheck();
+  void ReportStatus();
 
   int m_notifyFd = -1;
   std::string m_notifyPath;
   std::uint64_t m_watchdogMs = 0;  // half of WATCHDOG_USEC, 0 = none
   cEventLoop::TimerId m_aliveTimer = 0;
   std::uint64_t m_aliveDue = 0;  // when the next alive check is due (loop clock)
+  std::function<std::string()> m_statusSource;
+  std::string m_status;  // the text last reported
+  cEventLoop::TimerId m_statusTimer = 0;
 };
 
 }  // namespace kest

@@ -2,12 +2,14 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -16,6 +18,26 @@ namespace kest {
 namespace {
 
 long LevelNumber(std::string const& level) { return std::strtol(level.c_str(), nullptr, 10); }
+
+// The syslog priority of a trace level ("000" most severe); the README has
+// the table.
+int Priority(std::string const& level) {
+  long n = LevelNumber(level);
+  return n <= 1 ? LOG_ERR : n == 2 ? LOG_WARNING : n <= 4 ? LOG_NOTICE : n == 5 ? LOG_INFO : LOG_DEBUG;
+}
+
+// systemd names the journal stream it connects to standard error in
+// JOURNAL_STREAM ("device:inode"); the journal then reads a leading "<N>" as
+// the line's priority. A program whose standard error was sent elsewhere may
+// still inherit the variable, hence the comparison with what fd 2 is.
+bool StderrIsJournal() {
+  char const* stream = std::getenv("JOURNAL_STREAM");
+  unsigned long long dev = 0, ino = 0;
+  char rest = 0;
+  struct stat st;
+  return stream != nullptr && std::sscanf(stream, "%llu:%llu%c", &dev, &ino, &rest) == 2 &&
+         ::fstat(STDERR_FILENO, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
 
 char const* BaseName(char const* file) {
   if (file == nullptr) return "?";
@@ -46,15 +68,21 @@ bool WriteAll(int fd, bool socket, char const* data, std::size_t len) {
 // is folded so that each trace stays one line of the log.
 class cStderrSink : public ITraceSink {
  public:
+  cStderrSink() { Open(); }
+  void Open() { m_journal = StderrIsJournal(); }
   void Write(cTraceRecord const& rec) override {
     std::string msg = rec.message;
     while (!msg.empty() && (msg.back() == '\n' || msg.back() == '\r')) msg.pop_back();
     std::replace(msg.begin(), msg.end(), '\n', ' ');
     std::string line = rec.module + " " + rec.level + " " + rec.file + ":" +
                        std::to_string(rec.line) + " " + msg + "\n";
+    if (m_journal) line = "<" + std::to_string(Priority(rec.level)) + ">" + line;
     // One write per line keeps lines whole when several processes share stderr.
     WriteAll(STDERR_FILENO, false, line.data(), line.size());
   }
+
+ private:
+  bool m_journal = false;
 };
 
 // Writes to the syslog daemon's socket itself, in the form syslog(3) uses:
@@ -70,9 +98,7 @@ class cSyslogSink : public ITraceSink {
     m_fd = -1;
   }
   void Write(cTraceRecord const& rec) override {
-    long n = LevelNumber(rec.level);
-    int prio = n <= 1 ? LOG_ERR : n == 2 ? LOG_WARNING : n <= 4 ? LOG_NOTICE : n == 5 ? LOG_INFO
-                                                                                      : LOG_DEBUG;
+    int prio = Priority(rec.level);
     char stamp[32] = "";
     std::time_t now = std::time(nullptr);
     std::tm tm;
@@ -174,6 +200,7 @@ bool cTracepoint::SelectSink(std::string const& name, std::string const& ident) 
   }
   if (st.builtin == &st.syslogSink && next != &st.syslogSink) st.syslogSink.Close();
   if (next == &st.syslogSink) st.syslogSink.Open(ident);
+  if (next == &st.stderrSink) st.stderrSink.Open();
   st.builtin = next;
   return true;
 }

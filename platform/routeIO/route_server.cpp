@@ -75,14 +75,17 @@ bool cRouteServer::SetReady() {
   if (!ReadLimits(limits, error)) {
     KEST_TRACE(kModule, kLevelError, "route service not opened on %s: %s", sap.c_str(),
                error.c_str());
+    m_whyNot = error;
     return false;
   }
   m_server.SetLimits(limits);
   // The server traces the listening address and its bounds, or why it cannot listen.
   if (m_server.Listen(sap, error)) {
     m_retryMs = kRetryFirstMs;
+    m_whyNot.clear();
     return true;
   }
+  m_whyNot = error;
   // The address may be held by a dying predecessor or a stray process: try
   // again, backing off, so the service opens once it is free.
   if (m_retryTimer == 0) {

@@ -67,6 +67,9 @@ class cRouteServer : private kest::IServerHandler {
   // backoff until it can.
   bool SetReady();  // again: harmless
   bool IsReady() const { return m_server.Listening(); }
+  // Why the last SetReady left the service closed; empty when it listens.
+  std::string const& WhyNotListening() const { return m_whyNot; }
+  std::size_t Clients() const { return m_server.Connections(); }
   std::uint16_t BoundPort() const { return m_server.BoundPort(); }
 
  private:
@@ -83,6 +86,7 @@ class cRouteServer : private kest::IServerHandler {
   static constexpr unsigned kRetryMaxMs = 5000;
   unsigned m_retryMs = kRetryFirstMs;
   kest::cEventLoop::TimerId m_retryTimer = 0;
+  std::string m_whyNot;
   kest::cServer m_server;
 };
 

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "core/route_mgr_service.h"
+#include "core/status_text.h"
 #include "kest/properties.h"
 
 int main(int argc, char** argv) {
@@ -12,6 +13,7 @@ int main(int argc, char** argv) {
   {
     cRouteMgrService service(dataMgrSap, halProxSap);
     service.Init("routeMgr", 3704);
+    service.SetStatusSource([&service] { return StatusText(service); });
     service.Run();
     kest::kestDeinit(true);
   }

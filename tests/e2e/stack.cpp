@@ -1,5 +1,6 @@
 #include "e2e/stack.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -55,7 +56,15 @@ std::string cStack::Write(std::string const& name, std::string const& text) cons
 bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
                     std::vector<std::string> argv, std::string& sap,
                     std::vector<std::string> env) {
-  slot = std::make_unique<cProcess>(std::move(argv), NextFile(name + ".log"), std::move(env));
+  std::string const logPath = NextFile(name + ".log");
+  // "JOURNAL_STREAM=" asks for what systemd puts there when standard error
+  // is the journal: that stream's device and inode, here the log file's.
+  for (auto& e : env) {
+    struct stat st {};
+    if (e == "JOURNAL_STREAM=" && (std::ofstream(logPath), stat(logPath.c_str(), &st) == 0))
+      e += std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+  }
+  slot = std::make_unique<cProcess>(std::move(argv), logPath, std::move(env));
   if (!slot->WaitForLog("listening on ")) return false;
   std::string const log = slot->Log();
   std::size_t const at = log.find("listening on ") + 13;

@@ -109,11 +109,27 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
       return seen >= times;
     });
   };
-  ASSERT_TRUE(stack.StartRouteMgr({"NOTIFY_SOCKET=" + notifyPath, "WATCHDOG_USEC=200000"}));
+  // Standard error as the journal's stream: each trace carries its priority.
+  ASSERT_TRUE(stack.StartRouteMgr(
+      {"NOTIFY_SOCKET=" + notifyPath, "WATCHDOG_USEC=200000", "JOURNAL_STREAM="}));
   EXPECT_TRUE(hears("READY=1")) << heard;
   EXPECT_TRUE(hears("WATCHDOG=1", 3)) << heard;  // fed every 100 ms
+  // The status follows the peers and the route tables.
+  std::string const serving = "STATUS=serving route clients; connected 0, custom routes 0, ";
+  EXPECT_TRUE(hears(serving + "gateways 0")) << heard;
+  EXPECT_EQ(stack.Routectl({"gateway", "set", "lab", "10.8.0.1"}).status, 0);
+  EXPECT_TRUE(hears(serving + "gateways 1")) << heard;
+  stack.data->Stop();
+  EXPECT_TRUE(hears("STATUS=waiting for the data manager (" + stack.dataSap + ")")) << heard;
+  ASSERT_TRUE(stack.StartDataMgr());
+  EXPECT_TRUE(hears(serving + "gateways 1", 2)) << heard;
   EXPECT_EQ(stack.route->Stop(), 0);
   EXPECT_TRUE(hears("STOPPING=1")) << heard;
+  std::string const log = stack.route->Log();
+  for (char const* line : {"\ncRouteMgrService::connected to scm\n",  // standard output: as it was
+                           "\n<6>RouteMgr 005 routemgr:", "\n<4>kest 002 service_client.cpp:",
+                           "\n<6>kest 005 scm.cpp:"})
+    EXPECT_NE(log.find(line), std::string::npos) << line;
   close(notify);
   ASSERT_TRUE(stack.StartRouteMgr());
 

@@ -34,7 +34,8 @@ class PropertiesTest : public ::testing::Test {
 
 TEST_F(PropertiesTest, OverridesWinOverTheFileInEitherSpelling) {
   Write("# comment\n\ns.a=file\ns.b=file\n  s.c = file = 3 \n");
-  Init({"--prop", "s.a=cli", "--props", path, "--prop=s.b=cli=x", "--prop", "kest.trace=off"});
+  Init({"--prop", "s.a=cli", "--props", path, "--prop=s.b=cli=x", "--prop", "kest.trace=off",
+        "--props=-/nonexistent/routemgr.conf"});
   auto& p = kest::kestProperties();
   EXPECT_EQ(p.GetStringForKey("s.a", "def"), "cli");
   EXPECT_EQ(p.GetStringForKey("s.b", "def"), "cli=x");
@@ -55,6 +56,7 @@ TEST_F(PropertiesDeathTest, BadCommandLinesExitTwoNamingTheProblem) {
       {{"--props"}, "'--props' needs a value"},
       {{"--prop", "novalue"}, "KEY=VALUE, got 'novalue'"},
       {{"--props", path}, ":2: expected key=value"},
+      {{"--props=-" + path}, ":2: expected key=value"},
       {{"--prop", "kest.trace=printer"}, "unknown trace sink 'printer'"},
   };
   for (auto const& [args, message] : cases)
