@@ -45,22 +45,6 @@ TEST_F(PropertiesTest, OverridesWinOverTheFileInEitherSpelling) {
   EXPECT_EQ(GetCapturedStderr(), "");
 }
 
-using PropertiesDeathTest = PropertiesTest;
-
-TEST_F(PropertiesDeathTest, BadCommandLinesExitTwoNamingTheProblem) {
-  Write("good=1\nbad line\n");
-  std::pair<std::vector<std::string>, char const*> const cases[] = {
-      {{"--bogus"}, "unknown option '--bogus'"},
-      {{"stray"}, "unknown option 'stray'"},
-      {{"--props"}, "'--props' needs a value"},
-      {{"--prop", "novalue"}, "KEY=VALUE, got 'novalue'"},
-      {{"--props", path}, ":2: expected key=value"},
-      {{"--prop", "kest.trace=printer"}, "unknown trace sink 'printer'"},
-  };
-  for (auto const& [args, message] : cases)
-    EXPECT_EXIT(Init(args), ::testing::ExitedWithCode(2), message) << args[0];
-}
-
 TEST(Trace, OneLineOnStderrPerTraceAndNothingOnStdout) {
   EXPECT_EQ(kest::FormatString("<%s>", std::string(5000, 'q').c_str()).size(), 5002u);
   ASSERT_TRUE(kest::cTracepoint::SelectSink("stderr"));
