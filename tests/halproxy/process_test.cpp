@@ -128,7 +128,9 @@ void Put(std::vector<std::uint8_t>& out, std::uint8_t kind, std::uint16_t op,
 }
 void PutAnswer(std::vector<std::uint8_t>& out, std::uint16_t op, int rc) {
   kest::cSerializeBuffer body;
-  op == hal::halop::kListRoutes ? (void)hal::EncodeRouteList(rc, {}, body)
+  hal::cRouteList list;
+  list.result = rc;
+  op == hal::halop::kListRoutes ? (void)hal::EncodeRouteList(list, body)
                                 : hal::EncodeResult(rc, body);
   kest::EncodeFrame({kest::cFrame::kReply, 7, op, body}, out);
 }
@@ -142,9 +144,9 @@ TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) 
   std::vector<std::uint8_t> sent, expected, answers;
   Put(sent, kest::cFrame::kRequest, 77, {});
   Put(sent, kest::cFrame::kRequest, 1, {1, 200, 0, 0, 0, 'x'});
-  Put(sent, kest::cFrame::kRequest, list, {0});  // a stray byte
-  Put(sent, kest::cFrame::kEvent, 4, {});        // not answered
-  Put(sent, kest::cFrame::kRequest, list, {});
+  Put(sent, kest::cFrame::kRequest, list, {0, 0, 0, 0, 0});  // a stray byte
+  Put(sent, kest::cFrame::kEvent, 4, {});                    // not answered
+  Put(sent, kest::cFrame::kRequest, list, {0, 0, 0, 0});
   PutAnswer(expected, 77, -EOPNOTSUPP);
   PutAnswer(expected, 1, -EBADMSG);
   PutAnswer(expected, list, -EBADMSG);
