@@ -15,6 +15,7 @@
 
 #include "kest/options.h"
 #include "routeIO/route_client.h"
+#include "routectl/answer.h"
 #include "routectl/command.h"
 #include "routectl/hal_table.h"
 #include "routectl/line_reader.h"
@@ -130,7 +131,7 @@ int main(int argc, char** argv) {
                    error.c_str());
       return kExitFailed;
     }
-    for (auto const& l : lines) PutLine(stdout, l);
+    for (auto const& l : lines) PutLine(stdout, o.json ? routectl::HalRouteJson(l) : l);
     return 0;
   }
 

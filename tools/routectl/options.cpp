@@ -100,7 +100,7 @@ int ParseOptions(int argc, char** argv, cOptions& out) {
 std::string HelpText() {
   return R"(Usage: routectl [OPTIONS] COMMAND
        routectl [OPTIONS] -b FILE
-       routectl [--hal ADDR:PORT] --hal-table
+       routectl [--hal ADDR:PORT] [-j] --hal-table
 
 Talks to the route manager as a route client: announces gateways and sets
 custom routes.
@@ -140,7 +140,9 @@ Options:
   -V, --version            the version
 
 Output: one line per command, in input order: `ok`, or `rc=CODE TEXT`
-(e.g. `rc=-101 Network is unreachable`, `rc=-100 unknown tag`).
+(e.g. `rc=-101 Network is unreachable`), in batch mode after the input line
+it answers (`line 5: rc=-100 unknown tag`). --hal-table prints a route a
+line; with -j, each as a JSON object.
 A malformed input line is reported on standard error with its line number;
 the other lines still run unless --strict is given.
 
