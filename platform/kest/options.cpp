@@ -15,66 +15,57 @@ namespace {
 constexpr int kHelp = 'h';
 constexpr int kVersion = 'V';
 
-cOption const* Find(std::vector<cOption> const& options, int key) {
-  for (auto const& o : options)
-    if (o.key == key) return &o;
-  return nullptr;
-}
-
-// How a person typed the option getopt stopped at: "--name" or "-x".
-std::string Typed(std::vector<cOption> const& options, int key, char const* arg) {
-  if (arg != nullptr && std::strncmp(arg, "--", 2) == 0)
-    return std::string(arg, std::strcspn(arg, "="));
-  if (key > 0 && key < kLongOnly) return std::string("-") + static_cast<char>(key);
-  cOption const* o = Find(options, key);
-  return o ? std::string("--") + o->name : std::string(arg ? arg : "?");
+// printf-style rather than strings pieced together: this runs in every
+// program, halproxy's flash included.
+int Refuse(char const* program, char const* format, char const* a, char const* b = "",
+           char const* c = "") {
+  std::fprintf(stderr, "%s: ", program);
+  std::fprintf(stderr, format, a, b, c);
+  std::fprintf(stderr, "\nTry '%s --help'.\n", program);
+  return kExitUsage;
 }
 
 }  // namespace
 
 int UsageError(char const* program, std::string const& what) {
-  std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", program, what.c_str(), program);
-  return kExitUsage;
+  return Refuse(program, "%s", what.c_str());
 }
 
 int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker take,
                      void* context, int& operand) {
-  std::vector<cOption> options = cl.options;
-  options.push_back({"help", kHelp, false});
-  options.push_back({"version", kVersion, false});
   // '+': stop at the first operand (a command's own words may look like
   // options); ':': a missing value is told apart from an unknown option.
-  std::string shorts = "+:";
-  std::vector<option> longs;
-  for (auto const& o : options) {
-    longs.push_back({o.name, o.hasValue ? required_argument : no_argument, nullptr, o.key});
+  std::string shorts = "+:hV";
+  std::size_t const n = cl.options.size();
+  std::vector<option> longs(n + 3);  // and help, version, the end
+  for (std::size_t i = 0; i < n; ++i) {
+    cOption const& o = cl.options[i];
+    longs[i] = {o.name, o.hasValue ? required_argument : no_argument, nullptr, o.key};
     if (o.key < kLongOnly) {
       shorts += static_cast<char>(o.key);
       if (o.hasValue) shorts += ':';
     }
   }
-  longs.push_back({nullptr, 0, nullptr, 0});
+  longs[n] = {"help", no_argument, nullptr, kHelp};
+  longs[n + 1] = {"version", no_argument, nullptr, kVersion};
 
   opterr = 0;
   optind = 0;  // a fresh scan, also when called again in one process
   for (;;) {
-    int const previous = optind == 0 ? 1 : optind;
+    int const at = optind == 0 ? 1 : optind;
     int const key = getopt_long(argc, argv, shorts.c_str(), longs.data(), nullptr);
     if (key == -1) break;
-    char const* typed = argv[previous];
-    if (key == '?') {
-      // An option we do not have, or a value given to one that takes none.
-      cOption const* known = optopt != 0 ? Find(options, optopt) : nullptr;
-      if (known != nullptr && !known->hasValue && typed && std::strncmp(typed, "--", 2) == 0)
-        return UsageError(cl.program, "option '--" + std::string(known->name) + "' takes no value");
-      std::string const what = optopt > 0 && optopt < kLongOnly && !(typed && typed[1] == '-')
-                                   ? std::string("-") + static_cast<char>(optopt)
-                                   : std::string(typed, std::strcspn(typed, "="));
-      return UsageError(cl.program, "unknown option '" + what + "'");
-    }
-    if (key == ':') {
-      return UsageError(cl.program, "option '" + Typed(options, optopt, typed) + "' needs a value");
-    }
+    // The option as typed: "--name" (without its "=value") or "-x".
+    bool const isLong = std::strncmp(argv[at], "--", 2) == 0;
+    std::string const typed =
+        isLong ? std::string(argv[at], std::strcspn(argv[at], "="))
+               : std::string{'-', static_cast<char>(key == '?' || key == ':' ? optopt : key)};
+    // getopt names the option in optopt when it knows it: then a "--flag=x".
+    if (key == '?')
+      return Refuse(cl.program,
+                    isLong && optopt != 0 ? "option '%s' takes no value" : "unknown option '%s'",
+                    typed.c_str());
+    if (key == ':') return Refuse(cl.program, "option '%s' needs a value", typed.c_str());
     if (key == kHelp) {
       std::fputs(cl.usage.c_str(), stdout);
       return 0;
@@ -83,16 +74,14 @@ int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker 
       std::printf("%s %s\n", cl.program, ROUTEMGR_VERSION);
       return 0;
     }
-    std::string const value = optarg ? optarg : "";
+    char const* const value = optarg ? optarg : "";
     std::string why;
-    if (!take(context, key, value, why)) {
-      return UsageError(cl.program, "bad value '" + value + "' for " + Typed(options, key, typed) +
-                                        ": " + why);
-    }
+    if (!take(context, key, value, why))
+      return Refuse(cl.program, "bad value '%s' for %s: %s", value, typed.c_str(), why.c_str());
   }
   operand = optind;
   if (!cl.operands && optind < argc)
-    return UsageError(cl.program, "unexpected argument '" + std::string(argv[optind]) + "'");
+    return Refuse(cl.program, "unexpected argument '%s'", argv[optind]);
   return -1;
 }
 
