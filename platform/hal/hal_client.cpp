@@ -205,20 +205,26 @@ int cHalClient::RemoveIPDefaultGateway(std::string const& gateway) {
 }
 
 int cHalClient::ListRoutes(std::vector<std::string>& lines) {
+  lines.clear();
   cHalRequest req;
   req.op = halop::kListRoutes;
-  kest::cSerializeBuffer body, reply;
-  EncodeRequest(req, body);
-  int rc = Request(req.op, body, reply);
-  if (rc != 0) return rc;
-  int result = 0;
-  std::string error;
-  if (!DecodeRouteList(reply, result, lines, error)) {
-    KEST_TRACE(kModule, kLevelError, "ListRoutes: malformed answer from %s: %s",
-               AccessPoint().c_str(), error.c_str());
-    return halerr::kProtocol;
+  for (;;) {
+    kest::cSerializeBuffer body, reply;
+    EncodeRequest(req, body);
+    int rc = Request(req.op, body, reply);
+    if (rc != 0) return rc;
+    cRouteList piece;
+    std::string error;
+    if (!DecodeRouteList(reply, piece, error) ||
+        (piece.result == 0 && !CollectRoutePiece(piece, lines, error))) {
+      KEST_TRACE(kModule, kLevelError, "ListRoutes: malformed answer from %s: %s",
+                 AccessPoint().c_str(), error.c_str());
+      return halerr::kProtocol;
+    }
+    if (piece.result != 0) return piece.result;
+    if (!piece.more) return 0;
+    req.first = static_cast<std::uint32_t>(lines.size());
   }
-  return result;
 }
 
 int cHalClient::InjectFault(std::uint16_t op, int code, std::uint32_t count) {

@@ -1,5 +1,8 @@
 #include "hal/hal_protocol.h"
 
+#include <cerrno>
+
+#include "kest/frame.h"
 #include "kest/types.h"
 
 namespace hal {
@@ -117,7 +120,9 @@ bool EncodeRequest(cHalRequest const& req, kest::cSerializeBuffer& body) {
       break;
     case halop::kRefreshStart:
     case halop::kRefreshEnd:
+      break;
     case halop::kListRoutes:
+      w.U32(req.first);
       break;
     case halop::kInjectFault:
       w.U16(req.faultOp);
@@ -160,7 +165,9 @@ bool DecodeRequest(std::uint16_t op, kest::cSerializeBuffer& body, cHalRequest& 
       break;
     case halop::kRefreshStart:
     case halop::kRefreshEnd:
+      break;
     case halop::kListRoutes:
+      r.U32("first", req.first);
       break;
     case halop::kInjectFault: {
       std::uint32_t code = 0;
@@ -192,22 +199,55 @@ bool DecodeResult(kest::cSerializeBuffer& body, int& out, std::string& error) {
   return true;
 }
 
-bool EncodeRouteList(int result, std::vector<std::string> const& lines,
-                     kest::cSerializeBuffer& body) {
+bool EncodeRouteList(cRouteList const& list, kest::cSerializeBuffer& body) {
   cWriter w(body);
-  w.U32(static_cast<std::uint32_t>(static_cast<std::int32_t>(result)));
-  w.U32(static_cast<std::uint32_t>(lines.size()));
-  for (auto const& line : lines) w.Str(line);
+  w.U32(static_cast<std::uint32_t>(list.result));
+  w.U32(static_cast<std::uint32_t>(list.lines.size()));
+  for (auto const& line : list.lines) w.Str(line);
+  w.Bool(list.more);
   return w.Commit();
 }
 
-bool DecodeRouteList(kest::cSerializeBuffer& body, int& result, std::vector<std::string>& lines,
-                     std::string& error) {
+void EncodeRoutePiece(std::vector<std::string> const& lines, kest::cSerializeBuffer& body) {
+  // result, count and the flag around the lines; each line its string header.
+  constexpr std::size_t kFixed = 4 + 4 + 1, kPerLine = 5;
+  std::size_t room = kest::kMaxFrame - kest::kFrameHeader - kFixed;
+  cRouteList piece;
+  std::size_t i = 0;
+  for (; i < lines.size() && kPerLine + lines[i].size() <= room; ++i) {
+    room -= kPerLine + lines[i].size();
+    piece.lines.push_back(lines[i]);
+  }
+  piece.more = i < lines.size();
+  if (!EncodeRouteList(piece, body) || (piece.more && piece.lines.empty())) {
+    // A line that cannot travel at all (never one a proxy writes).
+    body.Clear();
+    piece = cRouteList{};
+    piece.result = -EMSGSIZE;
+    EncodeRouteList(piece, body);
+  }
+}
+
+bool CollectRoutePiece(cRouteList const& piece, std::vector<std::string>& lines,
+                       std::string& error) {
+  if (piece.more && piece.lines.empty()) {
+    error = "more routes announced and none sent";
+    return false;
+  }
+  if (lines.size() + piece.lines.size() > kMaxListedRoutes) {
+    error = "more than " + std::to_string(kMaxListedRoutes) + " routes";
+    return false;
+  }
+  lines.insert(lines.end(), piece.lines.begin(), piece.lines.end());
+  return true;
+}
+
+bool DecodeRouteList(kest::cSerializeBuffer& body, cRouteList& list, std::string& error) {
   std::uint32_t rc = 0, count = 0;
   cReader r(body, error);
   r.U32("result", rc);
   r.U32("count", count);
-  std::vector<std::string> out;
+  cRouteList out;
   // Each string takes at least 5 bytes (version and length), so a count
   // beyond that is a lie and must not make us reserve memory for it.
   if (count > body.Remaining() / 5) {
@@ -218,11 +258,12 @@ bool DecodeRouteList(kest::cSerializeBuffer& body, int& result, std::vector<std:
   for (std::uint32_t i = 0; i < count; ++i) {
     std::string line;
     r.Str("line", line);
-    out.push_back(std::move(line));
+    out.lines.push_back(std::move(line));
   }
+  r.Bool("more", out.more);
   if (!r.Finish()) return false;
-  result = static_cast<std::int32_t>(rc);
-  lines = std::move(out);
+  out.result = static_cast<std::int32_t>(rc);
+  list = std::move(out);
   return true;
 }
 
@@ -256,6 +297,8 @@ std::string Describe(cHalRequest const& req) {
       return s + " " + Printable(req.gateway) + " metric " + std::to_string(req.metric);
     case halop::kRemoveIPDefaultGateway:
       return s + " " + Printable(req.gateway);
+    case halop::kListRoutes:
+      return s + " from " + std::to_string(req.first);
     case halop::kInjectFault: {
       char const* target = halop::Name(req.faultOp);
       return s + " " + (target ? target : "op" + std::to_string(req.faultOp)) + " code " +

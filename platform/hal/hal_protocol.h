@@ -47,6 +47,7 @@ struct cHalRequest {
   std::uint16_t faultOp = 0;
   std::int32_t faultCode = 0;
   std::uint32_t faultCount = 0;
+  std::uint32_t first = 0;  // kListRoutes: index of the first route wanted
 };
 
 // Appends the body of req to body; false (body unchanged) on an unknown op or
@@ -62,11 +63,27 @@ bool DecodeRequest(std::uint16_t op, kest::cSerializeBuffer& body, cHalRequest& 
 void EncodeResult(int result, kest::cSerializeBuffer& body);
 bool DecodeResult(kest::cSerializeBuffer& body, int& out, std::string& error);
 
-// The answer of kListRoutes: a result and, when it is 0, the table as lines.
-bool EncodeRouteList(int result, std::vector<std::string> const& lines,
-                     kest::cSerializeBuffer& body);
-bool DecodeRouteList(kest::cSerializeBuffer& body, int& result, std::vector<std::string>& lines,
-                     std::string& error);
+// The answer of kListRoutes: a result and, when it is 0, one piece of the
+// table as lines; more tells that routes follow (ask again from first +
+// lines). A whole table of a few thousand routes cannot travel in one frame.
+struct cRouteList {
+  std::int32_t result = 0;
+  std::vector<std::string> lines;
+  bool more = false;
+};
+bool EncodeRouteList(cRouteList const& list, kest::cSerializeBuffer& body);
+bool DecodeRouteList(kest::cSerializeBuffer& body, cRouteList& list, std::string& error);
+// A successful answer with as many of lines (the table from the first route
+// asked for) as fit in one frame; more set when some are left.
+void EncodeRoutePiece(std::vector<std::string> const& lines, kest::cSerializeBuffer& body);
+// Far more routes than a router's table holds: a client stops collecting
+// there, so a proxy that answers "more" for ever cannot exhaust its memory.
+constexpr std::size_t kMaxListedRoutes = 1u << 20;
+// Adds a piece (result 0) to the lines a client has collected. False with a
+// reason when it breaks the protocol: more announced and nothing sent, or
+// past kMaxListedRoutes.
+bool CollectRoutePiece(cRouteList const& piece, std::vector<std::string>& lines,
+                       std::string& error);
 
 // One readable line for logs, e.g.
 // "ConfigureIPGateway 10.1.0.0/255.255.0.0 via 192.168.1.1 dev eth1 src 0.0.0.0 metric 0 avail=1"

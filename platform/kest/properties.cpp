@@ -10,15 +10,12 @@
 #include <vector>
 
 #include "kest/format.h"
+#include "kest/options.h"
 #include "kest/trace.h"
 
 namespace kest {
 namespace {
 
-// Shown by --version; kept in step with the project version in CMakeLists.txt.
-constexpr char kVersion[] = "0.1.0";
-// Exit status for a command line or properties file that cannot be used.
-constexpr int kUsageExit = 2;
 
 std::string Trim(std::string const& s) {
   std::size_t b = s.find_first_not_of(" \t\r");
@@ -42,9 +39,8 @@ std::string ProgramName(int argc, char** argv) {
   return slash ? slash + 1 : argv[0];
 }
 
-[[noreturn]] void UsageError(std::string const& prog, std::string const& what) {
-  std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", prog.c_str(), what.c_str(), prog.c_str());
-  std::exit(kUsageExit);
+[[noreturn]] void ExitUsage(std::string const& prog, std::string const& what) {
+  std::exit(kest::UsageError(prog.c_str(), what));
 }
 
 cPropertyList& Properties() {
@@ -91,55 +87,40 @@ bool cPropertyList::LoadFile(std::string const& path, std::string& error) {
 cPropertyList& kestProperties() { return Properties(); }
 
 bool kestInit(int argc, char** argv, std::string const& usage) {
-  std::string prog = ProgramName(argc, argv);
+  std::string const prog = ProgramName(argc, argv);
+  enum { kProps = kLongOnly, kProp };
+  cCommandLine const cl{
+      prog.c_str(),
+      "Usage: " + prog + " [--props FILE] [--prop KEY=VALUE]... [-h|--help] [-V|--version]\n" +
+          "  --props FILE       read properties (key=value lines, # comments) from FILE\n"
+          "  --prop KEY=VALUE   set one property; repeatable, wins over the file\n"
+          "  -h, --help         show this text\n"
+          "  -V, --version      show the version\n"
+          "Framework properties: kest.trace=stderr|syslog|off, kest.trace.level=NNN\n" +
+          (usage.empty() ? "" : usage + "\n"),
+      {{"props", kProps, true}, {"prop", kProp, true}}};
   std::vector<std::string> files;
   std::vector<std::pair<std::string, std::string>> overrides;
-
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i] ? argv[i] : "";
-    std::string value;
-    bool hasValue = false;
-    std::string name = arg;
-    std::size_t eq = arg.find('=');
-    if (arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-      name = arg.substr(0, eq);
-      value = arg.substr(eq + 1);
-      hasValue = true;
-    }
-    if (name == "--help" && !hasValue) {
-      std::printf("Usage: %s [--props FILE] [--prop KEY=VALUE]... [--help] [--version]\n"
-                  "  --props FILE       read properties (key=value lines, # comments) from FILE\n"
-                  "  --prop KEY=VALUE   set one property; repeatable, wins over the file\n"
-                  "  --help             show this text\n"
-                  "  --version          show the version\n"
-                  "Framework properties: kest.trace=stderr|syslog|off, kest.trace.level=NNN\n",
-                  prog.c_str());
-      if (!usage.empty()) std::printf("%s\n", usage.c_str());
-      std::fflush(stdout);
-      std::exit(0);
-    }
-    if (name == "--version" && !hasValue) {
-      std::printf("%s %s\n", prog.c_str(), kVersion);
-      std::fflush(stdout);
-      std::exit(0);
-    }
-    if (name == "--props" || name == "--prop") {
-      if (!hasValue) {
-        if (i + 1 >= argc || argv[i + 1] == nullptr) UsageError(prog, "option '" + name + "' needs a value");
-        value = argv[++i];
-      }
-      if (name == "--props") {
-        files.push_back(value);
-      } else {
-        std::string key, v;
-        if (!SplitAssignment(value, key, v)) {
-          UsageError(prog, "option '--prop' expects KEY=VALUE, got '" + value + "'");
+  int operand = 0;
+  int const status = ParseCommandLine(
+      cl, argc, argv,
+      [&](int key, std::string const& value, std::string& why) {
+        if (key == kProps) {
+          files.push_back(value);
+          return true;
         }
-        overrides.emplace_back(key, v);
-      }
-      continue;
-    }
-    UsageError(prog, "unknown option '" + arg + "'");
+        std::string k, v;
+        if (!SplitAssignment(value, k, v)) {
+          why = "expected KEY=VALUE";
+          return false;
+        }
+        overrides.emplace_back(k, v);
+        return true;
+      },
+      operand);
+  if (status >= 0) {
+    std::fflush(stdout);
+    std::exit(status);
   }
 
   cPropertyList& props = Properties();
@@ -150,20 +131,20 @@ bool kestInit(int argc, char** argv, std::string const& usage) {
     bool const optional = f.size() > 1 && f[0] == '-';
     if (optional && ::access(f.c_str() + 1, F_OK) != 0 && errno == ENOENT) continue;
     std::string error;
-    if (!props.LoadFile(optional ? f.substr(1) : f, error)) UsageError(prog, error);
+    if (!props.LoadFile(optional ? f.substr(1) : f, error)) ExitUsage(prog, error);
   }
   for (auto const& kv : overrides) props.Set(kv.first, kv.second);
 
   std::string sink = props.GetStringForKey("kest.trace", "stderr");
   if (!cTracepoint::SelectSink(sink, prog)) {
-    UsageError(prog, "unknown trace sink '" + sink + "' in property kest.trace (stderr, syslog, off)");
+    ExitUsage(prog, "unknown trace sink '" + sink + "' in property kest.trace (stderr, syslog, off)");
   }
   if (props.Has("kest.trace.level")) {
     std::string level = props.GetStringForKey("kest.trace.level", "");
     char* end = nullptr;
     std::strtol(level.c_str(), &end, 10);
     if (level.empty() || *end != '\0') {
-      UsageError(prog, "property kest.trace.level must be a number, got '" + level + "'");
+      ExitUsage(prog, "property kest.trace.level must be a number, got '" + level + "'");
     }
     cTracepoint::SetMaxLevel(level);
   }

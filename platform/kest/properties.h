@@ -23,8 +23,8 @@ class cPropertyList {
 // Framework start. Understands:
 //   --props FILE         load properties from FILE
 //   --prop KEY=VALUE     set one property (repeatable; wins over the file)
-//   --help               usage on stdout, exit 0
-//   --version            version on stdout, exit 0
+//   -h, --help           usage on stdout, exit 0
+//   -V, --version        version on stdout, exit 0
 // Anything else, or a malformed properties line, is named on stderr and the
 // process exits with status 2 before anything starts. The third argument is
 // extra usage text for --help.

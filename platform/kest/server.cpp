@@ -72,6 +72,26 @@ char const kLimitOptionsUsage[] =
     "  --allow-uid=USER[,USER...]     Unix socket: serve only these users (names or\n"
     "  --allow-gid=GROUP[,GROUP...]   numbers) and these groups; repeatable\n";
 
+namespace {
+char const* const kLimitOptionNames[] = {"max-connections", "max-per-uid", "frame-timeout",
+                                         "send-limit",      "socket-mode", "socket-group",
+                                         "allow-uid",       "allow-gid"};
+constexpr int kLimitOptionCount = sizeof kLimitOptionNames / sizeof kLimitOptionNames[0];
+}  // namespace
+
+void AddLimitOptions(std::vector<cOption>& options) {
+  for (int i = 0; i < kLimitOptionCount; ++i)
+    options.push_back({kLimitOptionNames[i], kLimitOptionKey + i, true});
+}
+
+bool TakeLimitOption(int key, std::string const& value, cServerLimits& limits, bool& ok,
+                     bool& unixOnly, std::string& why) {
+  int const i = key - kLimitOptionKey;
+  if (i < 0 || i >= kLimitOptionCount) return false;
+  return TakeLimitOption(std::string("--") + kLimitOptionNames[i], value, limits, ok, unixOnly,
+                         why);
+}
+
 bool TakeLimitOption(std::string const& name, std::string const& value, cServerLimits& l,
                      bool& ok, bool& unixOnly, std::string& why) {
   ok = !value.empty();

@@ -11,6 +11,7 @@
 #include "kest/channel.h"
 #include "kest/hello.h"
 #include "kest/loop.h"
+#include "kest/options.h"
 
 namespace kest {
 
@@ -70,6 +71,12 @@ bool TakeLimitOption(std::string const& name, std::string const& value, cServerL
                      bool& ok, bool& unixOnly, std::string& why);
 // Their lines for a program's --help.
 extern char const kLimitOptionsUsage[];
+// The same on a command line (kest/options.h), keys from kLimitOptionKey on.
+constexpr int kLimitOptionKey = kLongOnly + 100;
+void AddLimitOptions(std::vector<cOption>& options);
+// False when key is none of them; otherwise as above.
+bool TakeLimitOption(int key, std::string const& value, cServerLimits& limits, bool& ok,
+                     bool& unixOnly, std::string& why);
 
 class cServer : private IChannelHandler {
  public:

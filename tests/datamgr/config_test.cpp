@@ -93,24 +93,21 @@ TEST(Datactl, CommandLinesAndPrefixes) {
       {{"route-set", "dsl", "k", "10.0.0.0/8", "via", "modem"}, "neither wired, wireless, vpn"},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "through", "vpn"}, "expected SETUP KEY"},
       {{"route-del", "dsl"}, "wrong number of arguments"},
-      {{"--server", "nowhere", "list"}, "--server"},
+      {{"route-set", "dsl", "k", "010.0.0.0/8", "via", "vpn"}, "\"010.0.0.0\" is not a dotted"},
       {{"frobnicate"}, "unknown command"},
       {{}, "no command"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));
-    std::string server, error;
+    std::string error;
     ctl::cRequest req;
-    bool help = false;
-    EXPECT_EQ(ParseDatactlArgs(c.args, server, req, help, error), c.error == nullptr) << error;
+    EXPECT_EQ(ParseDatactlCommand(c.args, req, error), c.error == nullptr) << error;
     EXPECT_TRUE(c.error == nullptr || error.find(c.error) != std::string::npos) << error;
   }
-  std::string server, error;
+  std::string error;
   ctl::cRequest req;
-  bool help = false;
-  ASSERT_TRUE(ParseDatactlArgs({"route-set", "dsl", "k", "10.9.0.0/16", "via", "192.168.1.1"},
-                               server, req, help, error));
-  EXPECT_EQ(server, "127.0.0.1:3711");
+  ASSERT_TRUE(ParseDatactlCommand({"route-set", "dsl", "k", "10.9.0.0/16", "via", "192.168.1.1"},
+                                  req, error));
   EXPECT_EQ(req.network, 0x0A090000u);
   EXPECT_EQ(req.netmask, 0xFFFF0000u);
   EXPECT_EQ(req.selector, 4);

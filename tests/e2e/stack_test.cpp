@@ -16,6 +16,8 @@
 #include <tuple>
 
 #include "e2e/stack.h"
+#include "hal/hal_client.h"
+#include "kest/service.h"
 #include "routeIO/route_client.h"
 
 namespace e2e {
@@ -248,6 +250,36 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   EXPECT_TRUE(held->WaitExit());
   EXPECT_EQ(held->Status(), 1);
   EXPECT_NE(held->Log().find("the route manager closed the connection"), std::string::npos);
+}
+
+// Far more routes than one answer of the HAL proxy holds: routectl gets them
+// all, in pieces, and prints each as a JSON object.
+TEST(E2eStack, RoutectlListsAHalTableOfTwentyThousandRoutesAsJson) {
+  constexpr int kRoutes = 20000;
+  cStack stack;
+  ASSERT_TRUE(stack.StartHal());
+  kest::cService service;
+  hal::cHalClient client(&service, nullptr, 5000, stack.halSap);
+  client.Start();
+  ASSERT_TRUE(testsupport::PumpUntil([&] { return client.IsConnected(); }));
+  std::vector<std::string> want;
+  for (int i = 0; i < kRoutes; ++i) {
+    std::string const net = "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0";
+    ASSERT_EQ(0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7,
+                                           true))
+        << net;
+    want.push_back(R"({"dst":")" + net + R"(/24","via":"192.168.1.1","metric":7,"route":")" + net +
+                   R"(/24 via 192.168.1.1 metric 7"})");
+  }
+  cToolRun const run = stack.Routectl({"--hal", stack.halSap, "--hal-table", "-j"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::vector<std::string> got;
+  std::istringstream lines(run.out);
+  for (std::string line; std::getline(lines, line);) got.push_back(line);
+  std::sort(got.begin(), got.end());
+  std::sort(want.begin(), want.end());
+  EXPECT_EQ(got.size(), want.size());
+  EXPECT_TRUE(got == want) << (got.empty() ? std::string("nothing") : got.front());
 }
 
 }  // namespace

@@ -11,12 +11,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     int result = 0, back = 1;
     fuzz::RoundTrip(body, result, back, hal::EncodeResult, hal::DecodeResult);
   } else if (data[0] == 0xFF) {
-    std::pair<int, std::vector<std::string>> list, back;
-    auto enc = [](auto& l, auto& b) { return hal::EncodeRouteList(l.first, l.second, b); };
-    auto dec = [](auto& b, auto& l, auto& e) {
-      return hal::DecodeRouteList(b, l.first, l.second, e);
-    };
-    fuzz::RoundTrip(body, list, back, enc, dec);
+    hal::cRouteList list, back;
+    if (fuzz::RoundTrip(body, list, back, hal::EncodeRouteList, hal::DecodeRouteList)) {
+      std::vector<std::string> collected;
+      std::string error;
+      FUZZ_CHECK(hal::CollectRoutePiece(back, collected, error) || !error.empty());
+    }
   } else {
     const std::uint16_t op = data[0];
     hal::cHalRequest req, back;

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
+
+#include "kest/frame.h"
 
 namespace hal {
 namespace {
@@ -17,7 +20,7 @@ std::vector<cHalRequest> Samples() {
           {halop::kRemoveIPDefaultGateway, "", "", std::string("odd\0text", 8), "", "", 0, true},
           {halop::kRefreshStart, "", "", "", "", "", 0, true},
           {halop::kRefreshEnd, "", "", "", "", "", 0, true},
-          {halop::kListRoutes, "", "", "", "", "", 0, true},
+          {halop::kListRoutes, "", "", "", "", "", 0, true, 0, 0, 0, 0x01020304u},
           {halop::kInjectFault, "", "", "", "", "", 0, true, halop::kRemoveIPGateway, -101, 2}};
 }
 
@@ -87,21 +90,46 @@ TEST(HalProtocol, AnswersRoundTripAndBrokenOnesAreRefused) {
     ASSERT_TRUE(DecodeResult(body, back, error)) << error;
     EXPECT_EQ(rc, back);
   }
-  std::vector<std::string> lines = {"default via 10.0.0.1 metric 5", ""}, back;
-  kest::cSerializeBuffer list;
-  ASSERT_TRUE(EncodeRouteList(0, lines, list));
+  cRouteList list{-5, {"default via 10.0.0.1 metric 5", ""}, true}, back;
+  kest::cSerializeBuffer body;
+  ASSERT_TRUE(EncodeRouteList(list, body));
+  ASSERT_TRUE(DecodeRouteList(body, back, error)) << error;
+  EXPECT_EQ(std::make_tuple(list.result, list.lines, list.more),
+            std::make_tuple(back.result, back.lines, back.more));
   int rc = 1;
-  ASSERT_TRUE(DecodeRouteList(list, rc, back, error)) << error;
-  EXPECT_EQ(0, rc);
-  EXPECT_EQ(lines, back);
-
   kest::cSerializeBuffer shortResult(std::vector<std::uint8_t>{1, 2, 3}.data(), 3);
   EXPECT_FALSE(DecodeResult(shortResult, rc, error));
   kest::cSerializeBuffer lying;  // a count the body cannot hold is not allocated for
   lying.WriteU32(0);
   lying.WriteU32(0xFFFFFFFFu);
-  EXPECT_FALSE(DecodeRouteList(lying, rc, back, error));
+  EXPECT_FALSE(DecodeRouteList(lying, back, error));
   EXPECT_NE(error.find("count"), std::string::npos) << error;
+}
+
+// A table far larger than one frame travels in pieces that each fit one,
+// and comes back whole and in order.
+TEST(HalProtocol, ATableOfAnySizeIsListedInPiecesOfOneFrame) {
+  std::vector<std::string> table, collected;
+  for (int i = 0; i < 5000; ++i)
+    table.push_back("10." + std::to_string(i / 256) + "." + std::to_string(i % 256) +
+                    ".0/24 via 192.168.1.1 dev eth1 metric " + std::to_string(i));
+  int pieces = 0;
+  for (bool more = true; more; ++pieces) {
+    kest::cSerializeBuffer body;
+    EncodeRoutePiece({table.begin() + static_cast<long>(collected.size()), table.end()}, body);
+    EXPECT_LE(body.Size() + kest::kFrameHeader, kest::kMaxFrame);
+    cRouteList piece;
+    std::string error;
+    ASSERT_TRUE(DecodeRouteList(body, piece, error)) << error;
+    ASSERT_EQ(piece.result, 0);
+    ASSERT_TRUE(CollectRoutePiece(piece, collected, error)) << error;
+    more = piece.more;
+  }
+  EXPECT_EQ(collected, table);
+  EXPECT_GT(pieces, 3);
+  std::string error;
+  EXPECT_FALSE(CollectRoutePiece(cRouteList{0, {}, true}, collected, error));
+  EXPECT_EQ(error, "more routes announced and none sent");
 }
 
 }  // namespace

@@ -45,6 +45,8 @@ TEST(RoutectlParse, LinesOfTheGrammarGiveTheirCommandOthersNameTheirFault) {
       {"router set x", "unknown command 'router' (gateway or route)"},
       {"route del", "usage: route del TAG"},
       {"gateway set wired 01.2.3.4x", "bad gateway address '01.2.3.4x' (a.b.c.d)"},
+      {"route set x 010.0.0.0/8 via 1.2.3.4",
+       "bad prefix '010.0.0.0/8' (a.b.c.d/len or a.b.c.d/netmask)"},
       {"route set x 10.0.0.0/8", "'via GW' is missing"},
       {"route set x 10.0.0.0/33 via 1.2.3.4", "bad prefix length in '10.0.0.0/33' (0..32)"},
       {"route set x 10.0.0.0/255.0.255.0 via 1.2.3.4",

@@ -58,7 +58,8 @@ TEST(RoutectlSession, PipelinesAndAnswersInOrderOneLineEachUntilTheConnectionIsL
                           "route set b 10.1.0.0/16 via 1.1.1.1", "route del c"}));
   EXPECT_EQ(run.log, (Lines{"post route set a", "post route set b", "post route del c", "collect",
                             "collect", "collect"}));
-  EXPECT_EQ(run.out, (Lines{"ok", "rc=-101 Network is unreachable", "rc=-100 unknown tag"}));
+  EXPECT_EQ(run.out, (Lines{"ok", "line 3: rc=-101 Network is unreachable",
+                            "line 4: rc=-100 unknown tag"}));
   EXPECT_EQ(run.session.ExitStatus(), 1);  // a command failed
   cRun ok;
   ok.Feed({"route del a", "gateway del b"});
@@ -67,7 +68,7 @@ TEST(RoutectlSession, PipelinesAndAnswersInOrderOneLineEachUntilTheConnectionIsL
   lost.answers = {{true, 0}, {false, routeerr::kConnectionLost}};
   lost.Feed({"route set a 10.0.0.0/8 via 1.1.1.1", "route set b 10.0.0.0/8 via 1.1.1.1"});
   EXPECT_EQ(0u, lost.Feed({"route set c 10.0.0.0/8 via 1.1.1.1"}));
-  EXPECT_EQ(lost.out, (Lines{"ok", "rc=-2003 connection lost"}));
+  EXPECT_EQ(lost.out, (Lines{"ok", "line 2: rc=-2003 connection lost"}));
   EXPECT_EQ(lost.err, (Lines{"routectl: connection to the route manager lost (closed by peer) at "
                              "line 2; nothing more is sent"}));
   EXPECT_EQ(lost.session.ExitStatus(), 1);
@@ -102,14 +103,14 @@ TEST(RoutectlAnswer, TextAndJsonNameEachKindOfCode) {
   EXPECT_EQ(text(set, -70000), "rc=-70000");
   cRun run(true);
   run.answers = {{false, -19}};
-  run.Feed({"route frob", "route set \"q\" 10.0.0.0/8 via 1.1.1.1"});
+  run.Feed({"route set \"q\" 10.0.0.0/8 via 1.1.1.1", "route frob"});
   run.session.Send(0, routeIO::cDelGatewayCmd{"wired"});  // from the command line
   run.session.Drain();
   EXPECT_EQ(
       run.out,
       (Lines{
-          R"j({"line":1,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
-          R"j({"line":2,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
+          R"j({"line":1,"command":"route set","tag":"\"q\"","ok":false,"rc":-19,"error":"No such device"})j",
+          R"j({"line":2,"ok":false,"syntax_error":"unknown route command 'frob' (set or del)"})j",
           R"j({"command":"gateway del","tag":"wired","ok":true,"rc":0})j"}));
   // Any tag gives valid JSON: escapes, and bytes that are not UTF-8 as \u00XX.
   EXPECT_EQ(routectl::JsonString("a\"b\\c\n\x01gr\xc3\xbc\xc3 \xed\xa0\x80"),

@@ -1,5 +1,7 @@
 #include "config_json.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -348,9 +350,9 @@ bool IsContiguousMask(std::uint32_t mask) {
 }
 
 bool ParseIPv4(std::string const& text, std::uint32_t& ip) {
-  kest::s_socket_addr addr;
-  if (!addr.InitFromString(text, 0)) return false;
-  ip = addr.GetIP();
+  in_addr addr{};
+  if (inet_pton(AF_INET, text.c_str(), &addr) != 1) return false;
+  ip = ntohl(addr.s_addr);
   return true;
 }
 

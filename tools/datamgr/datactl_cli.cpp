@@ -10,11 +10,12 @@
 #include "dataIO/data_protocol.h"
 #include "kest/call_once.h"
 #include "kest/format.h"
+#include "kest/options.h"
 
 namespace datamgr {
 
 char const* const kDatactlUsage =
-    "Usage: datactl [--server ADDR] COMMAND [ARGS]\n"
+    "Usage: datactl [-s|--server ADDR] COMMAND [ARGS]\n"
     "Changes and inspects the data manager's store (ADDR default 127.0.0.1:3711,\n"
     "also unix:/path).\n"
     "Commands:\n"
@@ -25,7 +26,8 @@ char const* const kDatactlUsage =
     "  route-del SETUP KEY     delete a routing entry\n"
     "  dump DIR                ask every connected client to dump its state into DIR\n"
     "  list [DIR]              list the directories, or the records under DIR\n"
-    "Changes last until the data manager reloads its configuration file.\n";
+    "Changes last until the data manager reloads its configuration file.\n"
+    "  -h, --help, -V, --version\n";
 
 namespace {
 
@@ -68,35 +70,32 @@ bool ParseRouteSet(std::vector<std::string> const& rest, ctl::cRequest& req, std
 
 }  // namespace
 
-bool ParseDatactlArgs(std::vector<std::string> const& args, std::string& server,
-                      ctl::cRequest& req, bool& help, std::string& error) {
-  help = false;
+int ParseDatactlArgs(int argc, char** argv, std::string& server, ctl::cRequest& req) {
+  enum { kServer = 's' };
   server = kDefaultAccessPoint;
-  std::size_t i = 0;
-  for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
-    if (args[i] == "--help") {
-      help = true;
-      return true;
-    }
-    if (args[i] == "--server" && i + 1 < args.size()) {
-      server = args[++i];
-    } else if (args[i].rfind("--server=", 0) == 0) {
-      server = args[i].substr(9);
-    } else {
-      error = args[i] == "--server" ? "--server needs an address" : "unknown option " + args[i];
-      return false;
-    }
-  }
-  kest::cAccessPoint ap;
-  if (!kest::cAccessPoint::Parse(server, ap, error)) {
-    error = "--server: " + error;
-    return false;
-  }
-  if (i == args.size()) {
+  kest::cCommandLine const cl{"datactl", kDatactlUsage, {{"server", kServer, true}}, true};
+  int operand = 0;
+  int const status = kest::ParseCommandLine(
+      cl, argc, argv,
+      [&](int, std::string const& value, std::string& why) {
+        kest::cAccessPoint ap;
+        server = value;
+        return kest::cAccessPoint::Parse(value, ap, why);
+      },
+      operand);
+  if (status >= 0) return status;
+  std::string error;
+  if (!ParseDatactlCommand(std::vector<std::string>(argv + operand, argv + argc), req, error))
+    return kest::UsageError("datactl", error);
+  return -1;
+}
+
+bool ParseDatactlCommand(std::vector<std::string> const& rest, ctl::cRequest& req,
+                         std::string& error) {
+  if (rest.empty()) {
     error = "no command given";
     return false;
   }
-  std::vector<std::string> const rest(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
   std::string const& cmd = rest[0];
   req = ctl::cRequest{};
   if (cmd == "set-wan-setup") {

@@ -15,10 +15,12 @@ constexpr int kControlTimeoutMs = 5000;
 
 extern char const* const kDatactlUsage;
 
-// args without the program name. False with a reason for a usage error;
-// help is set (and true returned) for --help.
-bool ParseDatactlArgs(std::vector<std::string> const& args, std::string& server,
-                      ctl::cRequest& req, bool& help, std::string& error);
+// The whole command line: -1 to go on, otherwise the exit status after help,
+// version or a usage error has been printed.
+int ParseDatactlArgs(int argc, char** argv, std::string& server, ctl::cRequest& req);
+// The command and its words; false with a reason.
+bool ParseDatactlCommand(std::vector<std::string> const& words, ctl::cRequest& req,
+                         std::string& error);
 
 // Connects, sends the request, waits for the reply. False with a reason
 // when the data manager cannot be reached or answers nonsense.

@@ -5,18 +5,10 @@
 #include "datactl_cli.h"
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
   std::string server, error;
   datamgr::ctl::cRequest req;
-  bool help = false;
-  if (!datamgr::ParseDatactlArgs(args, server, req, help, error)) {
-    std::fprintf(stderr, "datactl: %s\n%s", error.c_str(), datamgr::kDatactlUsage);
-    return 2;
-  }
-  if (help) {
-    std::fputs(datamgr::kDatactlUsage, stdout);
-    return 0;
-  }
+  if (int const status = datamgr::ParseDatactlArgs(argc, argv, server, req); status >= 0)
+    return status;
   datamgr::ctl::cReply reply;
   if (!datamgr::SendControl(server, req, reply, error)) {
     std::fprintf(stderr, "datactl: %s\n", error.c_str());

@@ -13,7 +13,9 @@
 
 #include "config_json.h"
 #include "datactl_cli.h"
+#include "kest/access_point.h"
 #include "kest/loop.h"
+#include "kest/options.h"
 #include "kest/server.h"
 #include "kest/service.h"
 #include "kest/trace.h"
@@ -32,7 +34,7 @@ std::string Usage() {
              "                                 dumps (default: root only); repeatable\n") +
          kest::kLimitOptionsUsage +
          "  --syslog                       log to syslog instead of stderr\n"
-         "  --help, --version\n";
+         "  -h, --help, -V, --version\n";
 }
 
 int g_hupPipe[2] = {-1, -1};
@@ -54,84 +56,49 @@ struct cOptions {
   bool unixOnly = false;  // an option that only a Unix socket has was given
 };
 
-// False: exit now with exitCode (0 after --help or --version, 2 for a usage error).
-bool ParseArgs(int argc, char** argv, cOptions& opt, int& exitCode) {
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    std::string value;
-    bool hasValue = false;
-    std::size_t const eq = arg.find('=');
-    if (arg.rfind("--", 0) == 0 && eq != std::string::npos) {
-      value = arg.substr(eq + 1);
-      arg = arg.substr(0, eq);
-      hasValue = true;
-    }
-    auto take = [&](std::string& out) {
-      if (hasValue) {
-        out = value;
-        return true;
-      }
-      if (i + 1 >= argc) return false;
-      out = argv[++i];
-      return true;
-    };
-    if (arg == "--help" && !hasValue) {
-      std::fputs(Usage().c_str(), stdout);
-      exitCode = 0;
-      return false;
-    } else if (arg == "--version" && !hasValue) {
-      std::printf("datamgr %s\n", ROUTEMGR_VERSION);
-      exitCode = 0;
-      return false;
-    } else if (arg == "--syslog" && !hasValue) {
-      opt.syslog = true;
-    } else if (arg.rfind("--", 0) == 0 && arg != "--help" && arg != "--version" &&
-               arg != "--syslog") {
-      std::string text, why;
-      bool ok = true, unixOnly = false;
-      if (!take(arg == "--listen" ? opt.listen : arg == "--config" ? opt.config : text)) {
-        std::fprintf(stderr, "datamgr: %s needs a value\n%s", arg.c_str(), Usage().c_str());
-        exitCode = 2;
-        return false;
-      }
-      if (arg == "--admin-gid") {
-        ok = !text.empty() && kest::ParseIdList(text, true, opt.adminGids, why);
-        unixOnly = true;
-        if (text.empty()) why = "empty";
-      } else if (arg != "--listen" && arg != "--config" &&
-                 !kest::TakeLimitOption(arg, text, opt.limits, ok, unixOnly, why)) {
-        std::fprintf(stderr, "datamgr: unknown argument %s\n%s", argv[i], Usage().c_str());
-        exitCode = 2;
-        return false;
-      }
-      opt.unixOnly = opt.unixOnly || unixOnly;
-      if (!ok) {
-        std::fprintf(stderr, "datamgr: bad value '%s' for %s: %s\n", text.c_str(), arg.c_str(),
-                     why.c_str());
-        exitCode = 2;
-        return false;
-      }
-    } else {
-      std::fprintf(stderr, "datamgr: unknown argument %s\n%s", argv[i], Usage().c_str());
-      exitCode = 2;
-      return false;
-    }
+enum : int { kListen = kest::kLongOnly, kConfig, kAdminGid, kSyslog };
+
+// -1 to go on, otherwise the exit status after help, version or a usage error.
+int ParseArgs(int argc, char** argv, cOptions& opt) {
+  kest::cCommandLine cl{"datamgr", Usage(),
+                        {{"listen", kListen, true},
+                         {"config", kConfig, true},
+                         {"admin-gid", kAdminGid, true},
+                         {"syslog", kSyslog, false}}};
+  kest::AddLimitOptions(cl.options);
+  int operand = 0;
+  int const status = kest::ParseCommandLine(
+      cl, argc, argv,
+      [&](int key, std::string const& value, std::string& why) {
+        kest::cAccessPoint ap;
+        bool ok = true, unixOnly = false;
+        switch (key) {
+          case kListen:
+            opt.listen = value;
+            return kest::cAccessPoint::Parse(value, ap, why);
+          case kConfig:
+            opt.config = value;
+            return true;
+          case kAdminGid:
+            opt.unixOnly = true;
+            why = "empty";
+            return !value.empty() && kest::ParseIdList(value, true, opt.adminGids, why);
+          case kSyslog:
+            opt.syslog = true;
+            return true;
+        }
+        kest::TakeLimitOption(key, value, opt.limits, ok, unixOnly, why);
+        opt.unixOnly = opt.unixOnly || unixOnly;
+        return ok;
+      },
+      operand);
+  if (status >= 0) return status;
+  if (opt.unixOnly && opt.listen.compare(0, 5, "unix:") != 0) {
+    return kest::UsageError("datamgr",
+                            "--socket-mode, --socket-group, --allow-uid, --allow-gid, "
+                            "--max-per-uid and --admin-gid need --listen unix:/path");
   }
-  kest::cAccessPoint ap;
-  std::string error;
-  if (!kest::cAccessPoint::Parse(opt.listen, ap, error)) {
-    std::fprintf(stderr, "datamgr: --listen: %s\n", error.c_str());
-    exitCode = 2;
-    return false;
-  }
-  if (opt.unixOnly && ap.kind != kest::cAccessPoint::kUnix) {
-    std::fprintf(stderr,
-                 "datamgr: --socket-mode, --socket-group, --allow-uid, --allow-gid, "
-                 "--max-per-uid and --admin-gid need --listen unix:/path\n");
-    exitCode = 2;
-    return false;
-  }
-  return true;
+  return -1;
 }
 
 bool InstallHangup() {
@@ -147,8 +114,7 @@ bool InstallHangup() {
 
 int main(int argc, char** argv) {
   cOptions opt;
-  int exitCode = 0;
-  if (!ParseArgs(argc, argv, opt, exitCode)) return exitCode;
+  if (int const status = ParseArgs(argc, argv, opt); status >= 0) return status;
   kest::cTracepoint::SelectSink(opt.syslog ? "syslog" : "stderr", "datamgr");
   signal(SIGPIPE, SIG_IGN);
 

@@ -25,18 +25,7 @@ int main(int argc, char** argv) {
   using namespace halproxy;
   cOptions opt;
   std::string error;
-  if (!ParseOptions(argc, argv, opt, error)) {
-    std::fprintf(stderr, "halproxy: %s\nTry 'halproxy --help'.\n", error.c_str());
-    return 2;
-  }
-  if (opt.help) {
-    std::fputs(Usage().c_str(), stdout);
-    return 0;
-  }
-  if (opt.version) {
-    std::printf("halproxy %s\n", HALPROXY_VERSION);
-    return 0;
-  }
+  if (int const status = ParseOptions(argc, argv, opt); status >= 0) return status;
   if (opt.syslog) kest::cTracepoint::SelectSink("syslog", "halproxy");
   kest::cTracepoint::SetMaxLevel(MaxLevelFor(opt.logLevel));
   // A peer that hangs up must cost an error value, not the process.

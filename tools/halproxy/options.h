@@ -25,13 +25,11 @@ struct cOptions {
   // --max-connections, --send-limit, and for a Unix socket --socket-mode,
   // --socket-group, --allow-uid, --allow-gid (the last two repeatable).
   kest::cServerLimits limits;
-  bool help = false;
-  bool version = false;
 };
 
-// Parses argv[1..]; false with a message naming the bad argument. Options
-// take their value as "--opt=value" or as the next argument.
-bool ParseOptions(int argc, char const* const* argv, cOptions& out, std::string& error);
+// Parses argv[1..] into out: -1 to go on, otherwise the exit status after
+// help, version or a usage error has been printed.
+int ParseOptions(int argc, char** argv, cOptions& out);
 std::string Usage();
 // The trace level that --log-level name allows; nullptr for an unknown name.
 char const* MaxLevelFor(std::string const& name);

@@ -175,6 +175,7 @@ int cHalProxy::Execute(hal::cHalRequest const& req, std::vector<std::string>& li
       return 0;
     case hal::halop::kListRoutes: {
       cResult result = m_keeper.ListOurs(lines);
+      lines.erase(lines.begin(), lines.begin() + std::min<std::size_t>(req.first, lines.size()));
       detail = result.detail;
       return result.code;
     }
@@ -258,14 +259,11 @@ void cHalProxy::Answer(kest::cChannel* channel, std::uint32_t id, std::uint16_t 
                        std::vector<std::string> const& lines) {
   kest::cSerializeBuffer body;
   if (op == hal::halop::kListRoutes && rc == 0) {
-    // Past one frame the table cannot travel; say so rather than cut it.
-    if (!hal::EncodeRouteList(rc, lines, body) || body.Size() + kest::kFrameHeader > kest::kMaxFrame) {
-      HALPROXY_LOG(kLevelWarning, "ListRoutes: %zu routes do not fit in one answer", lines.size());
-      body.Clear();
-      hal::EncodeRouteList(-EMSGSIZE, {}, body);
-    }
+    hal::EncodeRoutePiece(lines, body);  // the client asks for the rest
   } else if (op == hal::halop::kListRoutes) {
-    hal::EncodeRouteList(rc, {}, body);
+    hal::cRouteList failed;
+    failed.result = rc;
+    hal::EncodeRouteList(failed, body);
   } else {
     hal::EncodeResult(rc, body);
   }

@@ -1,7 +1,9 @@
 #include "routectl/answer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "kest/service_client.h"
 #include "routeIO/route_errors.h"
@@ -127,6 +129,29 @@ std::string JsonString(std::string const& text) {
     }
   }
   return out + "\"";
+}
+
+std::string HalRouteJson(std::string const& line) {
+  std::vector<std::string> words;
+  for (std::size_t pos = 0; pos < line.size();) {
+    std::size_t const end = std::min(line.find(' ', pos), line.size());
+    if (end > pos) words.push_back(line.substr(pos, end - pos));
+    pos = end + 1;
+  }
+  std::string out = "{";
+  std::size_t i = 0;
+  if (!words.empty() && (words[0] == "unreachable" || words[0] == "other")) {
+    out += "\"type\":" + JsonString(words[0]) + ",";
+    ++i;
+  }
+  out += "\"dst\":" + JsonString(i < words.size() ? words[i] : "");
+  for (++i; i + 1 < words.size(); i += 2) {
+    std::string const& v = words[i + 1];
+    bool const number = words[i] == "metric" && v.size() <= 10 &&
+                        v.find_first_not_of("0123456789") == std::string::npos;
+    out += "," + JsonString(words[i]) + ":" + (number ? v : JsonString(v));
+  }
+  return out + ",\"route\":" + JsonString(line) + "}";
 }
 
 }  // namespace routectl

@@ -27,6 +27,13 @@ std::string AnswerJson(unsigned line, routeIO::routeCommand const& command,
 // {"line":3,"ok":false,"syntax_error":"..."}
 std::string SyntaxErrorJson(unsigned line, std::string const& error);
 
+// One line of the HAL proxy's table ("unreachable 10.9.0.0/16 metric 0",
+// "10.1.0.0/16 via 192.168.1.1 dev eth1 src 192.168.1.2 metric 0") as
+// {"type":"unreachable","dst":"10.9.0.0/16","metric":0,"route":"<the line>"}:
+// "type" only for unreachable (and other) routes, each "word value" pair as a member
+// (metric a number), and the line itself.
+std::string HalRouteJson(std::string const& line);
+
 // A JSON string literal: quotes, backslashes, control characters and bytes
 // that are not valid UTF-8 are escaped (the latter as \u00XX), so any tag
 // gives valid JSON.

@@ -1,5 +1,7 @@
 #include "routectl/command.h"
 
+#include <arpa/inet.h>
+
 #include <limits>
 #include <type_traits>
 
@@ -202,9 +204,9 @@ cParsed ParseRoute(Words const& w) {
 }  // namespace
 
 bool ParseIPv4(std::string_view text, std::uint32_t& ip) {
-  kest::s_socket_addr addr;
-  if (!addr.InitFromString(std::string(text), 0)) return false;
-  ip = addr.GetIP();
+  in_addr addr{};
+  if (inet_pton(AF_INET, std::string(text).c_str(), &addr) != 1) return false;
+  ip = ntohl(addr.s_addr);
   return true;
 }
 

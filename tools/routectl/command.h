@@ -42,7 +42,8 @@ cParsed ParseLine(std::string_view line);
 // No words at all is kEmpty.
 cParsed ParseWords(std::vector<std::string_view> const& words);
 
-// Strict dotted quad "a.b.c.d" (decimal, 0..255, no leading '+', no blanks);
+// A dotted quad "a.b.c.d" as inet_pton reads it (decimal, 0..255, no leading
+// zero: "010" is refused rather than read as 10 or as octal 8, no blanks);
 // the result in host order, a.b.c.d = a<<24 | b<<16 | c<<8 | d.
 bool ParseIPv4(std::string_view text, std::uint32_t& ip);
 

@@ -9,8 +9,9 @@
 
 namespace routectl {
 
-// Blocking: connects, asks, waits at most timeoutMs in all. False with a
-// reason when the proxy cannot be reached, refuses, or answers nonsense.
+// Blocking: asks for the table piece after piece, a connection each, at most
+// timeoutMs in all. False with a reason when the proxy cannot be reached,
+// refuses, or answers nonsense.
 bool FetchHalTable(std::string const& accessPoint, int timeoutMs, std::vector<std::string>& lines,
                    std::string& error);
 

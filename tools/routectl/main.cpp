@@ -13,7 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "kest/options.h"
 #include "routeIO/route_client.h"
+#include "routectl/answer.h"
 #include "routectl/command.h"
 #include "routectl/hal_table.h"
 #include "routectl/line_reader.h"
@@ -27,7 +29,6 @@ namespace {
 constexpr std::size_t kPipelineWindow = 1024;
 constexpr int kConnectRetryMs = 100;
 
-constexpr int kExitUsage = 2;
 constexpr int kExitFailed = 1;
 
 class cClientLink : public routectl::IRouteLink {
@@ -47,10 +48,7 @@ void PutLine(FILE* f, std::string const& line) {
   std::fputc('\n', f);
 }
 
-int Usage(std::string const& error) {
-  std::fprintf(stderr, "routectl: %s\nTry 'routectl --help'.\n", error.c_str());
-  return kExitUsage;
-}
+int Usage(std::string const& error) { return kest::UsageError("routectl", error); }
 
 bool Connect(routeIO::cRouteClient& client, routectl::cOptions const& o) {
   auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(o.waitMs);
@@ -122,27 +120,18 @@ int RunBatch(routectl::cSession& session, int fd, std::string const& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
   routectl::cOptions o;
   std::string error;
-  if (!routectl::ParseOptions(args, o, error)) return Usage(error);
-  if (o.action == routectl::cOptions::kHelp) {
-    std::fputs(routectl::HelpText().c_str(), stdout);
-    return 0;
-  }
-  if (o.action == routectl::cOptions::kVersion) {
-    std::fputs(routectl::VersionText().c_str(), stdout);
-    return 0;
-  }
+  if (int const status = routectl::ParseOptions(argc, argv, o); status >= 0) return status;
 
-  if (o.action == routectl::cOptions::kHalTable) {
+  if (o.halTable) {
     std::vector<std::string> lines;
     if (!routectl::FetchHalTable(o.hal, o.timeoutMs, lines, error)) {
       std::fprintf(stderr, "routectl: cannot list the HAL proxy's table at %s: %s\n", o.hal.c_str(),
                    error.c_str());
       return kExitFailed;
     }
-    for (auto const& l : lines) PutLine(stdout, l);
+    for (auto const& l : lines) PutLine(stdout, o.json ? routectl::HalRouteJson(l) : l);
     return 0;
   }
 

@@ -1,12 +1,7 @@
 #include "routectl/options.h"
 
-#include <cstdlib>
-
 #include "kest/access_point.h"
-
-#ifndef ROUTECTL_VERSION
-#define ROUTECTL_VERSION "unknown"
-#endif
+#include "kest/options.h"
 
 namespace routectl {
 
@@ -28,95 +23,84 @@ bool ParseNumber(std::string const& text, long max, long& out) {
   return true;
 }
 
+enum : int { kHold = kest::kLongOnly, kHalTable, kHal, kStrict, kTimeout, kWait };
+
 }  // namespace
 
-bool ParseOptions(std::vector<std::string> const& args, cOptions& out, std::string& error) {
-  std::size_t i = 0;
-  auto value = [&](std::string const& name, std::string& v) {
-    if (i + 1 >= args.size()) {
-      error = name + " needs a value";
-      return false;
-    }
-    v = args[++i];
-    return true;
-  };
-  for (; i < args.size(); ++i) {
-    std::string const& a = args[i];
-    std::string v;
-    long n = 0;
-    if (a == "--") {
-      ++i;
-      break;
-    }
-    if (a.empty() || a[0] != '-' || a == "-") break;
-    if (a == "-h" || a == "--help") {
-      out.action = cOptions::kHelp;
-      return true;
-    }
-    if (a == "-V" || a == "--version") {
-      out.action = cOptions::kVersion;
-      return true;
-    }
-    if (a == "-j" || a == "--json") {
-      out.json = true;
-    } else if (a == "--hold") {
-      out.hold = true;
-    } else if (a == "--hal-table") {
-      out.action = cOptions::kHalTable;
-    } else if (a == "--hal") {
-      if (!value(a, out.hal)) return false;
-      kest::cAccessPoint ap;
-      if (!kest::cAccessPoint::Parse(out.hal, ap, error)) return false;
-    } else if (a == "--strict") {
-      out.strict = true;
-    } else if (a == "-b" || a == "--batch") {
-      if (!value(a, out.batch)) return false;
-    } else if (a == "-s" || a == "--server") {
-      if (!value(a, out.server)) return false;
-      kest::cAccessPoint ap;
-      if (!kest::cAccessPoint::Parse(out.server, ap, error)) return false;
-    } else if (a == "--timeout") {
-      if (!value(a, v)) return false;
-      if (!ParseNumber(v, kMaxTimeoutMs, n) || n == 0) {
-        error = "--timeout takes milliseconds (1.." + std::to_string(kMaxTimeoutMs) + ")";
+int ParseOptions(int argc, char** argv, cOptions& out) {
+  kest::cCommandLine const cl{"routectl",
+                              HelpText(),
+                              {{"json", 'j', false},
+                               {"hold", kHold, false},
+                               {"hal-table", kHalTable, false},
+                               {"hal", kHal, true},
+                               {"strict", kStrict, false},
+                               {"batch", 'b', true},
+                               {"server", 's', true},
+                               {"timeout", kTimeout, true},
+                               {"wait", kWait, true}},
+                              true};
+  int operand = 0;
+  int const status = kest::ParseCommandLine(
+      cl, argc, argv,
+      [&](int key, std::string const& value, std::string& why) {
+        kest::cAccessPoint ap;
+        long n = 0;
+        switch (key) {
+          case 'j':
+            out.json = true;
+            return true;
+          case kHold:
+            out.hold = true;
+            return true;
+          case kHalTable:
+            out.halTable = true;
+            return true;
+          case kHal:
+            out.hal = value;
+            return kest::cAccessPoint::Parse(value, ap, why);
+          case kStrict:
+            out.strict = true;
+            return true;
+          case 'b':
+            out.batch = value;
+            why = "empty";
+            return !value.empty();
+          case 's':
+            out.server = value;
+            return kest::cAccessPoint::Parse(value, ap, why);
+          case kTimeout:
+            why = "milliseconds (1.." + std::to_string(kMaxTimeoutMs) + ")";
+            if (!ParseNumber(value, kMaxTimeoutMs, n) || n == 0) return false;
+            out.timeoutMs = static_cast<int>(n);
+            return true;
+          case kWait:
+            why = "seconds (0.." + std::to_string(kMaxWaitSeconds) + ")";
+            if (!ParseNumber(value, kMaxWaitSeconds, n)) return false;
+            out.waitMs = static_cast<int>(n * 1000);
+            return true;
+        }
         return false;
-      }
-      out.timeoutMs = static_cast<int>(n);
-    } else if (a == "--wait") {
-      if (!value(a, v)) return false;
-      if (!ParseNumber(v, kMaxWaitSeconds, n)) {
-        error = "--wait takes seconds (0.." + std::to_string(kMaxWaitSeconds) + ")";
-        return false;
-      }
-      out.waitMs = static_cast<int>(n * 1000);
-    } else {
-      error = "unknown option " + a;
-      return false;
-    }
+      },
+      operand);
+  if (status >= 0) return status;
+  out.words.assign(argv + operand, argv + argc);
+  if (out.halTable) {
+    if (!out.words.empty() || !out.batch.empty())
+      return kest::UsageError("routectl", "--hal-table takes no command");
+    return -1;
   }
-  out.words.assign(args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
-  if (out.action == cOptions::kHalTable) {
-    if (!out.words.empty() || !out.batch.empty()) {
-      error = "--hal-table takes no command";
-      return false;
-    }
-    return true;
-  }
-  if (!out.batch.empty() && !out.words.empty()) {
-    error = "give either -b FILE or a command, not both";
-    return false;
-  }
-  if (out.batch.empty() && out.words.empty()) {
-    error = "no command given";
-    return false;
-  }
-  return true;
+  if (!out.batch.empty() && !out.words.empty())
+    return kest::UsageError("routectl", "give either -b FILE or a command, not both");
+  if (out.batch.empty() && out.words.empty())
+    return kest::UsageError("routectl", "no command given");
+  return -1;
 }
 
 std::string HelpText() {
   return R"(Usage: routectl [OPTIONS] COMMAND
        routectl [OPTIONS] -b FILE
-       routectl [--hal ADDR:PORT] --hal-table
+       routectl [--hal ADDR:PORT] [-j] --hal-table
 
 Talks to the route manager as a route client: announces gateways and sets
 custom routes.
@@ -156,7 +140,9 @@ Options:
   -V, --version            the version
 
 Output: one line per command, in input order: `ok`, or `rc=CODE TEXT`
-(e.g. `rc=-101 Network is unreachable`, `rc=-100 unknown tag`).
+(e.g. `rc=-101 Network is unreachable`), in batch mode after the input line
+it answers (`line 5: rc=-100 unknown tag`). --hal-table prints a route a
+line; with -j, each as a JSON object.
 A malformed input line is reported on standard error with its line number;
 the other lines still run unless --strict is given.
 
@@ -164,7 +150,5 @@ Exit status: 0 when every command succeeded, 1 when any failed (or the
 connection failed), 2 for usage errors and malformed input lines.
 )";
 }
-
-std::string VersionText() { return std::string("routectl ") + ROUTECTL_VERSION + "\n"; }
 
 }  // namespace routectl

@@ -7,8 +7,7 @@
 namespace routectl {
 
 struct cOptions {
-  enum Action { kRun, kHelp, kVersion, kHalTable };
-  Action action = kRun;
+  bool halTable = false;  // --hal-table: list the HAL proxy's table instead
   std::string server = "127.0.0.1:3712";  // the route library's default access point
   std::string hal = "127.0.0.1:3710";     // the HAL proxy, for --hal-table
   std::string batch;                      // -b FILE; "-" is standard input; "" none
@@ -20,10 +19,10 @@ struct cOptions {
   std::vector<std::string> words;  // the command given on the command line
 };
 
-// False with a message for a usage error (exit status 2).
-bool ParseOptions(std::vector<std::string> const& args, cOptions& out, std::string& error);
+// -1 to go on, otherwise the exit status after help, version or a usage
+// error has been printed.
+int ParseOptions(int argc, char** argv, cOptions& out);
 
 std::string HelpText();
-std::string VersionText();
 
 }  // namespace routectl

@@ -43,28 +43,35 @@ bool cSession::Oversized(unsigned number) {
 
 bool cSession::Malformed(unsigned number, std::string const& error) {
   ++m_malformed;
+  if (!m_strict) {
+    m_pending.push_back(cPending{number, {}, error});
+    return true;
+  }
+  Drain();
+  ReportMalformed(number, error);
+  m_err("routectl: stopping at " + Where(number) + "--strict");
+  m_stopped = true;
+  return false;
+}
+
+void cSession::ReportMalformed(unsigned number, std::string const& error) {
   if (m_json) {
     m_out(SyntaxErrorJson(number, error));
   } else {
     m_err("routectl: " + Where(number) + error);
   }
-  if (m_strict) {
-    m_err("routectl: stopping at " + Where(number) + "--strict");
-    m_stopped = true;
-  }
-  return !m_stopped;
 }
 
 bool cSession::Send(unsigned number, routeIO::routeCommand const& command) {
   if (m_stopped) return false;
   std::int32_t rc = m_link.Post(command);
   if (rc == 0) {
-    m_pending.push_back(cPending{number, command});
+    m_pending.push_back(cPending{number, command, {}});
     return true;
   }
   // Nothing was queued: answer this command here, in its place in the order.
   Drain();
-  Report(cPending{number, command}, routeIO::routeResult{false, rc});
+  Report(cPending{number, command, {}}, routeIO::routeResult{false, rc});
   if (IsConnectionGone(rc)) ConnectionGone(number);
   return !m_stopped;
 }
@@ -73,6 +80,10 @@ void cSession::Drain() {
   while (!m_pending.empty()) {
     cPending p = std::move(m_pending.front());
     m_pending.pop_front();
+    if (!p.syntaxError.empty()) {
+      ReportMalformed(p.number, p.syntaxError);
+      continue;
+    }
     routeIO::routeResult result = m_link.Collect();
     Report(p, result);
     if (!result.success && IsConnectionGone(result.rc) && !m_link.Connected() && !m_lost) {
@@ -82,8 +93,11 @@ void cSession::Drain() {
 }
 
 void cSession::Report(cPending const& p, routeIO::routeResult const& result) {
-  if (!(result.success && result.rc == 0)) ++m_failed;
-  m_out(m_json ? AnswerJson(p.number, p.command, result) : AnswerText(p.command, result));
+  bool const ok = result.success && result.rc == 0;
+  if (!ok) ++m_failed;
+  // A failure says which input line it answers; "ok" needs no such help.
+  m_out(m_json ? AnswerJson(p.number, p.command, result)
+               : (ok ? "" : Where(p.number)) + AnswerText(p.command, result));
 }
 
 void cSession::ConnectionGone(unsigned number) {

@@ -48,13 +48,17 @@ class cSession {
   int ExitStatus() const;
 
  private:
+  // A posted command awaiting its answer, or a malformed line: reported in
+  // its place among the answers.
   struct cPending {
     unsigned number;
     routeIO::routeCommand command;
+    std::string syntaxError;  // empty for a command
   };
 
   bool Malformed(unsigned number, std::string const& error);
   void Report(cPending const& p, routeIO::routeResult const& result);
+  void ReportMalformed(unsigned number, std::string const& error);
   void ConnectionGone(unsigned number);
 
   IRouteLink& m_link;
