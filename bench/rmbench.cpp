@@ -4,12 +4,12 @@
 //
 //   rmbench set -s SAP -n N [--out FILE --hold-until FILE]
 //   rmbench latency -s SAP -c CLIENTS -n PER_CLIENT
-//   rmbench probe -s SAP -t SECONDS
+//   rmbench probe -s SAP -t SECONDS [--until FILE]
 //   rmbench start -s SAP -- PROGRAM ARGS...
 //   rmbench wait -s SAP [--timeout-ms MS]
 //   rmbench settle -s SAP
 //   rmbench ipbatch -n N [--first I] --op add|replace [--proto P] [--configured M]
-//   rmbench config -m M
+//   rmbench config -m M [--wired W]
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -193,7 +193,9 @@ int CmdLatency(cArgs const& a) {
 
 // A client that keeps asking something cheap (DelRoute of a tag nobody set:
 // no HAL request) and records how long each answer takes; the longest wait
-// is the time its command spent queued behind a refresh.
+// is the time its command spent queued behind whatever the daemon was busy
+// with (a refresh, another client's big operation). It stops after -t
+// seconds, or once the file --until names exists.
 int CmdProbe(cArgs const& a) {
   routeIO::cRouteClient client;
   if (!Connect(client, a.Get("-s"))) return 1;
@@ -206,7 +208,8 @@ int CmdProbe(cArgs const& a) {
   auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                 std::chrono::duration<double>(seconds));
   long bad = 0;
-  while (Clock::now() < end) {
+  std::string until = a.Get("--until");
+  while (Clock::now() < end && (until.empty() || access(until.c_str(), F_OK) != 0)) {
     auto t0 = Clock::now();
     routeIO::routeResult r = client.DelRoute("probe-never-set");
     double us = Us(Clock::now() - t0);
@@ -318,10 +321,14 @@ int CmdIpBatch(cArgs const& a) {
   return 0;
 }
 
-// A device configuration for the data manager whose WAN setup in force has
-// M routes, each through its own gateway (so each is installed).
+// A device configuration for the data manager whose WAN setup in force,
+// "bench", has M routes, each through its own gateway (so each is
+// installed). With --wired W a second setup, "wired", has W routes through
+// the wired WAN's gateway, so that switching setups, or changing that
+// gateway, moves all of them.
 int CmdConfig(cArgs const& a) {
   long m = std::min<long>(a.Num("-m", 100), bench::kMaxConfigured);
+  long w = std::min<long>(a.Num("--wired", 0), bench::kMaxWired);
   std::string out = "{\n  \"status\": {\"wanSetup\": \"bench\"},\n"
                     "  \"wanSetups\": {\n    \"bench\": {\n      \"routing\": {\n";
   for (long i = 0; i < m; ++i) {
@@ -330,7 +337,18 @@ int CmdConfig(cArgs const& a) {
            "\", \"netmask\": \"255.255.255.240\", \"via\": \"own\", \"gateway\": \"" +
            bench::kGateway + "\"}" + (i + 1 < m ? ",\n" : "\n");
   }
-  out += "      }\n    }\n  }\n}\n";
+  out += "      }\n    }";
+  if (w > 0) {
+    out += ",\n    \"wired\": {\n      \"routing\": {\n";
+    for (long i = 0; i < w; ++i) {
+      out += "        \"w" + std::to_string(i) + "\": {\"network\": \"" +
+             bench::Dotted(bench::WiredNetwork(static_cast<std::uint32_t>(i))) +
+             "\", \"netmask\": \"255.255.255.240\", \"via\": \"wired\"}" +
+             (i + 1 < w ? ",\n" : "\n");
+    }
+    out += "      }\n    }";
+  }
+  out += "\n  }\n}\n";
   std::fputs(out.c_str(), stdout);
   return 0;
 }
