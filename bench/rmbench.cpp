@@ -4,13 +4,15 @@
 //
 //   rmbench set -s SAP -n N [--out FILE --hold-until FILE]
 //   rmbench latency -s SAP -c CLIENTS -n PER_CLIENT
-//   rmbench probe -s SAP -t SECONDS
+//   rmbench probe -s SAP -t SECONDS [--until FILE]
 //   rmbench start -s SAP -- PROGRAM ARGS...
 //   rmbench wait -s SAP [--timeout-ms MS]
 //   rmbench settle -s SAP
 //   rmbench ipbatch -n N [--first I] --op add|replace [--proto P] [--configured M]
-//   rmbench config -m M
+//   rmbench config -m M [--wired W]
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,8 +28,12 @@
 #include <thread>
 #include <vector>
 
+#include "kest/access_point.h"
+#include "kest/frame.h"
+#include "kest/hello.h"
 #include "route_set.h"
 #include "routeIO/route_client.h"
+#include "routeIO/route_protocol.h"
 
 namespace {
 
@@ -91,6 +97,46 @@ bool Connect(routeIO::cRouteClient& client, std::string const& sap) {
   if (client.Connect(sap, kTimeoutMs, error)) return true;
   std::fprintf(stderr, "rmbench: %s\n", error.c_str());
   return false;
+}
+
+// Whether a server on SAP answers a hello, whichever service it is: the
+// route manager accepts it, the HAL proxy and the data manager refuse it
+// saying who they are, and either way their loop is up and serving.
+bool Greets(std::string const& sap, std::string& error) {
+  kest::cAccessPoint ap;
+  if (!kest::cAccessPoint::Parse(sap, ap, error)) return false;
+  sockaddr_storage addr{};
+  socklen_t len = ap.ToSockaddr(addr);
+  int fd = socket(ap.kind == kest::cAccessPoint::kUnix ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  timeval tv{1, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  std::vector<std::uint8_t> out;
+  kest::EncodeFrame(kest::HelloFrame(1, routeIO::kService), out);
+  bool greeted = false;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    error = sap + ": " + std::strerror(errno);
+  } else if (send(fd, out.data(), out.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(out.size())) {
+    error = sap + ": cannot send the hello";
+  } else {
+    kest::cFrameReader reader;
+    kest::cFrame in;
+    std::uint8_t buf[1024];
+    for (;;) {
+      auto r = reader.Next(in, error);
+      if (r == kest::cFrameReader::kFrame) greeted = in.op == kest::kHelloOp;
+      if (r != kest::cFrameReader::kNeedMore) break;
+      ssize_t n = recv(fd, buf, sizeof buf, 0);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        error = sap + ": no greeting";
+        break;
+      }
+      reader.Feed(buf, static_cast<std::size_t>(n));
+    }
+  }
+  close(fd);
+  return greeted;
 }
 
 void WriteResult(std::string const& path, std::string const& text) {
@@ -193,7 +239,9 @@ int CmdLatency(cArgs const& a) {
 
 // A client that keeps asking something cheap (DelRoute of a tag nobody set:
 // no HAL request) and records how long each answer takes; the longest wait
-// is the time its command spent queued behind a refresh.
+// is the time its command spent queued behind whatever the daemon was busy
+// with (a refresh, another client's big operation). It stops after -t
+// seconds, or once the file --until names exists.
 int CmdProbe(cArgs const& a) {
   routeIO::cRouteClient client;
   if (!Connect(client, a.Get("-s"))) return 1;
@@ -206,7 +254,8 @@ int CmdProbe(cArgs const& a) {
   auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                 std::chrono::duration<double>(seconds));
   long bad = 0;
-  while (Clock::now() < end) {
+  std::string until = a.Get("--until");
+  while (Clock::now() < end && (until.empty() || access(until.c_str(), F_OK) != 0)) {
     auto t0 = Clock::now();
     routeIO::routeResult r = client.DelRoute("probe-never-set");
     double us = Us(Clock::now() - t0);
@@ -222,7 +271,7 @@ int CmdProbe(cArgs const& a) {
   return bad == 0 ? 0 : 1;
 }
 
-// Time from fork to the first accepted connection on SAP; the program is
+// Time from fork to the first greeting on SAP; the program is
 // ended (SIGTERM) afterwards.
 int CmdStart(cArgs const& a) {
   if (a.rest.empty()) {
@@ -242,9 +291,8 @@ int CmdStart(cArgs const& a) {
   }
   double us = -1;
   for (;;) {
-    routeIO::cRouteClient client;
     std::string error;
-    if (client.Connect(sap, 1000, error)) {
+    if (Greets(sap, error)) {
       us = Us(Clock::now() - t0);
       break;
     }
@@ -268,13 +316,12 @@ int CmdStart(cArgs const& a) {
   return 0;
 }
 
-// Until something accepts connections on SAP.
+// Until a server on SAP answers a hello.
 int CmdWait(cArgs const& a) {
   auto end = Clock::now() + std::chrono::milliseconds(a.Num("--timeout-ms", 10000));
   std::string error;
   for (;;) {
-    routeIO::cRouteClient client;
-    if (client.Connect(a.Get("-s"), 1000, error)) return 0;
+    if (Greets(a.Get("-s"), error)) return 0;
     if (Clock::now() > end) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
@@ -318,10 +365,14 @@ int CmdIpBatch(cArgs const& a) {
   return 0;
 }
 
-// A device configuration for the data manager whose WAN setup in force has
-// M routes, each through its own gateway (so each is installed).
+// A device configuration for the data manager whose WAN setup in force,
+// "bench", has M routes, each through its own gateway (so each is
+// installed). With --wired W a second setup, "wired", has W routes through
+// the wired WAN's gateway, so that switching setups, or changing that
+// gateway, moves all of them.
 int CmdConfig(cArgs const& a) {
   long m = std::min<long>(a.Num("-m", 100), bench::kMaxConfigured);
+  long w = std::min<long>(a.Num("--wired", 0), bench::kMaxWired);
   std::string out = "{\n  \"status\": {\"wanSetup\": \"bench\"},\n"
                     "  \"wanSetups\": {\n    \"bench\": {\n      \"routing\": {\n";
   for (long i = 0; i < m; ++i) {
@@ -330,7 +381,18 @@ int CmdConfig(cArgs const& a) {
            "\", \"netmask\": \"255.255.255.240\", \"via\": \"own\", \"gateway\": \"" +
            bench::kGateway + "\"}" + (i + 1 < m ? ",\n" : "\n");
   }
-  out += "      }\n    }\n  }\n}\n";
+  out += "      }\n    }";
+  if (w > 0) {
+    out += ",\n    \"wired\": {\n      \"routing\": {\n";
+    for (long i = 0; i < w; ++i) {
+      out += "        \"w" + std::to_string(i) + "\": {\"network\": \"" +
+             bench::Dotted(bench::WiredNetwork(static_cast<std::uint32_t>(i))) +
+             "\", \"netmask\": \"255.255.255.240\", \"via\": \"wired\"}" +
+             (i + 1 < w ? ",\n" : "\n");
+    }
+    out += "      }\n    }";
+  }
+  out += "\n  }\n}\n";
   std::fputs(out.c_str(), stdout);
   return 0;
 }

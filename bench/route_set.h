@@ -19,6 +19,11 @@ constexpr int kCustomPrefixLen = 28;
 // custom ones: 198.18.0.0/15 holds 8192 /28 prefixes.
 constexpr std::uint32_t kConfiguredBase = (198u << 24) | (18u << 16);
 constexpr std::uint32_t kMaxConfigured = 8192;
+// The configured routes through the wired WAN's gateway (the setup that the
+// bystander measurements switch to) have a range of their own too:
+// 100.64.0.0/10 holds 262144 /28 prefixes.
+constexpr std::uint32_t kWiredBase = (100u << 24) | (64u << 16);
+constexpr std::uint32_t kMaxWired = 1u << 18;
 // `ip -batch` marks its routes with a protocol of its own, so one flush
 // removes them without touching the proxy's (200).
 constexpr int kReferenceProtocol = 201;
@@ -33,5 +38,7 @@ inline std::uint32_t CustomNetwork(std::uint32_t i) { return (10u << 24) | ((i &
 inline std::uint32_t ConfiguredNetwork(std::uint32_t i) {
   return kConfiguredBase | ((i % kMaxConfigured) << 4);
 }
+
+inline std::uint32_t WiredNetwork(std::uint32_t i) { return kWiredBase | ((i % kMaxWired) << 4); }
 
 }  // namespace bench

@@ -6,10 +6,12 @@
 # Builds what it needs (BUILD_DIR, default build-bench, Release when it
 # configures it), makes a private network namespace with a veth interface,
 # runs halproxy (netlink backend), datamgr and routemgr inside it on the
-# namespace's own loopback, and measures throughput, refresh, latency,
-# memory and start-up. Every time is set against a reference measured in the
-# same run (`ip -batch` doing the same kernel work, or halproxy starting),
-# repeated and reduced to medians, because the machines are shared and noisy.
+# namespace's own loopback, and measures the time per command against its
+# floor, throughput, refresh, how long a bystander waits behind big work,
+# latency, memory and start-up. Every time is set against a reference
+# measured in the same run (`ip -batch` doing the same kernel work, a bare
+# request/answer ping-pong, or halproxy starting), repeated and reduced to
+# medians, because the machines are shared and noisy.
 # Prints a table and writes bench/results/<date>.json (or --out FILE).
 # --quick: small N, one repeat; a few seconds (CI smoke).
 set -euo pipefail
@@ -47,16 +49,18 @@ if [ "$QUICK" = 1 ]; then
   REFRESH_N="1000"; REFRESH_REPEATS=2
   LAT_1=300; LAT_16=30; LAT_REPEATS=1
   START_REPEATS=1; PROBED=2; M=50
+  PINGPONG_N=1000; CLOSE_N=2000; WIRED_N=1200; BYSTANDER_REPEATS=1
 else
   THROUGHPUT_N="1000 10000 100000"; REPEATS=5; REPEATS_100K=3
   REFRESH_N="1000 10000 100000"; REFRESH_REPEATS=5
   LAT_1=2000; LAT_16=250; LAT_REPEATS=3
   START_REPEATS=5; PROBED=3
+  PINGPONG_N=10000; CLOSE_N=20000; WIRED_N=12000; BYSTANDER_REPEATS=3
 fi
 REFRESH_PERIOD_S=5          # the daemon's refresh period
 
 # --- build -------------------------------------------------------------------
-TARGETS="routemgr halproxy datamgr rmbench rmbench-refresh"
+TARGETS="routemgr halproxy datamgr datactl routectl rmbench rmbench-refresh rmbench-pingpong"
 if [ "$BUILD" = 1 ]; then
   if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
     cmake -S "$ROOT" -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >&2
@@ -71,7 +75,10 @@ HALPROXY="$BUILD_DIR/tools/halproxy/halproxy"
 DATAMGR="$BUILD_DIR/tools/datamgr/datamgr"
 RMBENCH="$BUILD_DIR/bench/rmbench"
 RMREFRESH="$BUILD_DIR/bench/rmbench-refresh"
-for b in "$ROUTEMGR" "$HALPROXY" "$DATAMGR" "$RMBENCH" "$RMREFRESH"; do
+PINGPONG="$BUILD_DIR/bench/rmbench-pingpong"
+DATACTL="$BUILD_DIR/tools/datamgr/datactl"
+ROUTECTL="$BUILD_DIR/tools/routectl/routectl"
+for b in "$ROUTEMGR" "$HALPROXY" "$DATAMGR" "$RMBENCH" "$RMREFRESH" "$PINGPONG" "$DATACTL" "$ROUTECTL"; do
   [ -x "$b" ] || die "missing $b (build it, or drop --no-build)"
 done
 
@@ -110,13 +117,14 @@ DATA=127.0.0.1:3711
 ROUTE=127.0.0.1:3712
 START_ROUTE=127.0.0.1:3720   # routemgr instances started only to time their start
 START_REF=127.0.0.1:3721     # halproxy instances started as the start reference
+PINGPONG_TCP=127.0.0.1:3730  # the bare round trip, on the HAL link's two transports
 RM_PROPS=(--prop kest.trace=off --prop "system.customHalProxSap=$HAL"
           --prop "system.customDataMgrSap=$DATA")
 
 "$IP" netns exec "$NS" "$HALPROXY" --listen "$HAL" --backend=netlink --log-level=warning \
   >"$WORK/halproxy.out" 2>"$WORK/halproxy.log" &
 HAL_PID=$!; PIDS+=("$HAL_PID")
-"$RMBENCH" config -m "$M" >"$WORK/device.json"
+"$RMBENCH" config -m "$M" --wired "$WIRED_N" >"$WORK/device.json"
 "$IP" netns exec "$NS" "$DATAMGR" --config "$WORK/device.json" --listen "$DATA" \
   >"$WORK/datamgr.out" 2>"$WORK/datamgr.log" &
 PIDS+=("$!")
@@ -222,16 +230,28 @@ sleep 0.5  # the configured routes are applied just after the route server opens
 RSS_IDLE_KB=$(rss_kb VmRSS "$RM_PID")
 HWM_IDLE_KB=$(rss_kb VmHWM "$RM_PID")
 
-# --- throughput ------------------------------------------------------------------
+# --- throughput, and the time per command against its floor ----------------------
 # One client sets N routes, pipelined; `ip -batch` adds the same N routes
 # (protocol 201, flushed after). The client holds its routes while the
 # daemon's memory is read, then goes, and the daemon deletes them.
+# At N=$NT each repeat also times a bare request/answer ping-pong between two
+# processes on the HAL link's transports (TCP loopback and Unix socket): a
+# command cannot cost less than one such round trip plus the kernel's work
+# for one route (`ip -batch`'s time per route), the floor it is set against.
 # throughput_runs N REPS SAP PID TAG: files $WORK/{tp,tp-ref,rss,hwm}-TAG.txt
+# (and $WORK/pp-{tcp,unix}-TAG.txt, the mean round trips in us, at N=$NT)
 throughput_runs() {
   local n=$1 reps=$2 sap=$3 pid=$4 tag=$5 t0 t1 setpid
   [ -f "$WORK/add-$n.batch" ] || "$RMBENCH" ipbatch -n "$n" --op add >"$WORK/add-$n.batch"
   : >"$WORK/tp-$tag.txt"; : >"$WORK/tp-ref-$tag.txt"; : >"$WORK/rss-$tag.txt"; : >"$WORK/hwm-$tag.txt"
+  : >"$WORK/pp-tcp-$tag.txt"; : >"$WORK/pp-unix-$tag.txt"
   for _ in $(seq 1 "$reps"); do
+    if [ "$n" = "$NT" ]; then
+      inns "$PINGPONG" -s "$PINGPONG_TCP" -n "$PINGPONG_N" | values mean_us /dev/stdin >>"$WORK/pp-tcp-$tag.txt" \
+        || die "ping-pong (TCP) failed"
+      inns "$PINGPONG" -s "unix:$WORK/pingpong.sock" -n "$PINGPONG_N" \
+        | values mean_us /dev/stdin >>"$WORK/pp-unix-$tag.txt" || die "ping-pong (Unix socket) failed"
+    fi
     t0=$(now_ns)
     "$IP" -n "$NS" -batch "$WORK/add-$n.batch"
     t1=$(now_ns)
@@ -255,6 +275,17 @@ throughput_runs() {
 }
 rate() { awk -v n="$1" '{ printf "%.6g\n", n * 1e6 / $1 }' "$2" | median; }
 ratio_of() { paste -d' ' "$1" "$2" | awk '{ printf "%.6g\n", $1 / $2 }' | median; }
+per_item() { awk -v n="$1" '{ printf "%.6g\n", $1 / n }' "$2"; }   # us per route, one a run
+# floor_runs N TAG TRANSPORT: per run, routemgr's us per command, the floor
+# (round trip + ip's us per route) and their ratio, in $WORK/{cmd,floor,cmd-ratio}-TAG.txt
+floor_runs() {
+  local n=$1 tag=$2 tr=$3
+  per_item "$n" "$WORK/tp-$tag.txt" >"$WORK/cmd-$tag.txt"
+  paste -d' ' "$WORK/pp-$tr-$tag.txt" <(per_item "$n" "$WORK/tp-ref-$tag.txt") \
+    | awk '{ printf "%.6g\n", $1 + $2 }' >"$WORK/floor-$tag.txt"
+  paste -d' ' "$WORK/cmd-$tag.txt" "$WORK/floor-$tag.txt" \
+    | awk '{ printf "%.6g\n", $1 / $2 }' >"$WORK/cmd-ratio-$tag.txt"
+}
 
 declare -A TP_RATE TP_REF_RATE TP_RATIO RSS_KB HWM_KB
 for n in $THROUGHPUT_N; do
@@ -267,20 +298,28 @@ for n in $THROUGHPUT_N; do
   RSS_KB[$n]=$(median <"$WORK/rss-$n.txt")
   HWM_KB[$n]=$(median <"$WORK/hwm-$n.txt")
 done
+floor_runs "$NT" "$NT" tcp
+PP_TCP_US=$(median <"$WORK/pp-tcp-$NT.txt"); PP_UNIX_US=$(median <"$WORK/pp-unix-$NT.txt")
+IP_PER_ROUTE_US=$(per_item "$NT" "$WORK/tp-ref-$NT.txt" | median)
+CMD_US=$(median <"$WORK/cmd-$NT.txt"); FLOOR_US=$(median <"$WORK/floor-$NT.txt")
+CMD_RATIO=$(median <"$WORK/cmd-ratio-$NT.txt")
 
 # --- latency -----------------------------------------------------------------------
 say "latency: SetRoute round trips, 1 and 16 clients, $LAT_REPEATS x"
-: >"$WORK/lat1-p50"; : >"$WORK/lat1-p99"; : >"$WORK/lat16-p50"; : >"$WORK/lat16-p99"
+: >"$WORK/lat1-p50"; : >"$WORK/lat1-p99"; : >"$WORK/lat16-p50"; : >"$WORK/lat16-p99"; : >"$WORK/lat16-ratio"
 for _ in $(seq 1 "$LAT_REPEATS"); do
   inns "$RMBENCH" latency -s "$ROUTE" -c 1 -n "$LAT_1" >"$WORK/lat.out" || die "latency run failed"
   values p50_us "$WORK/lat.out" >>"$WORK/lat1-p50"; values p99_us "$WORK/lat.out" >>"$WORK/lat1-p99"
   settle "$ROUTE"
   inns "$RMBENCH" latency -s "$ROUTE" -c 16 -n "$LAT_16" >"$WORK/lat.out" || die "latency run failed"
   values p50_us "$WORK/lat.out" >>"$WORK/lat16-p50"; values p99_us "$WORK/lat.out" >>"$WORK/lat16-p99"
+  paste -d' ' <(values p99_us "$WORK/lat.out") <(values p50_us "$WORK/lat.out") \
+    | awk '{ printf "%.6g\n", $1 / $2 }' >>"$WORK/lat16-ratio"
   settle "$ROUTE"
 done
 LAT1_P50=$(median <"$WORK/lat1-p50"); LAT1_P99=$(median <"$WORK/lat1-p99")
 LAT16_P50=$(median <"$WORK/lat16-p50"); LAT16_P99=$(median <"$WORK/lat16-p99")
+LAT16_RATIO=$(median <"$WORK/lat16-ratio")
 
 # --- restoration --------------------------------------------------------------------
 # A client holds NX routes through bench0; they are taken from the kernel
@@ -318,6 +357,87 @@ RESTORE_FLUSH_MS=$(awk '{ print $1 / 1000 }' "$WORK/restore-flush.txt" | median)
 RESTORE_FLAP_MS=$(awk '{ print $1 / 1000 }' "$WORK/restore-flap.txt" | median)
 RESTORE_REF_MS=$(calc "$REFRESH_PERIOD_S * 1000 / 2 + ${REFRESH_MS[$NX]}")
 
+# --- a bystander behind big work -----------------------------------------------------
+# The daemon serves one command at a time, each to its end, so a client's
+# single command may wait behind another's big one. A bystander (`rmbench
+# probe`) keeps sending a command that needs no HAL request while the daemon
+# deals with: a client's close (its CLOSE_N routes deleted); a change of the
+# WAN setup in force (datactl set-wan-setup, to the setup of WIRED_N routes
+# through the wired gateway and back); a change of that gateway's address
+# (routectl gateway set wired, re-routing all of them, and back). A run's
+# figure is the bystander's longest wait; it also catches the daemon's own
+# refresh if one falls in the run, which is a wait the bystander has too.
+BENCH_GW=192.0.2.254   # the benchmark's gateway (route_set.h)
+GW_OTHER=192.0.2.253   # another on the link, for the gateway change
+count_in() { "$IP" -n "$NS" route show root "$1" "${@:2}" | wc -l; }
+wait_count() {  # wait_count WANT PREFIX [SELECTOR...]: until the kernel holds WANT such routes
+  local want=$1 i; shift
+  for i in $(seq 1 600); do
+    [ "$(count_in "$@")" -eq "$want" ] && return 0
+    sleep 0.1
+  done
+  die "the kernel does not hold $want routes in $* (it holds $(count_in "$@"))"
+}
+# bystander TAG COMMAND...: runs COMMAND (which returns once its work is
+# done) while the bystander probes; appends the longest wait (ms) to by-TAG.txt
+bystander() {
+  local tag=$1 probepid; shift
+  rm -f "$WORK/probe-stop"
+  "$IP" netns exec "$NS" "$RMBENCH" probe -s "$ROUTE" -t 120 --until "$WORK/probe-stop" \
+    >"$WORK/probe.out" &
+  probepid=$!
+  sleep 0.3
+  "$@"
+  sleep 0.2
+  touch "$WORK/probe-stop"
+  wait "$probepid" || die "the bystander failed: $(cat "$WORK/probe.out")"
+  awk '{ print $1 / 1000 }' <(values max_us "$WORK/probe.out") >>"$WORK/by-$tag.txt"
+}
+close_routes() {
+  touch "$WORK/release"
+  wait "$SETPID" || die "routes failed: $(cat "$WORK/set.out")"
+  settle "$ROUTE"
+}
+set_wan_setup() {
+  inns "$DATACTL" --server "$DATA" set-wan-setup "$1" >/dev/null || die "datactl set-wan-setup $1 failed"
+  if [ "$1" = wired ]; then wait_count "$WIRED_N" 100.64.0.0/10; wait_count 0 198.18.0.0/15
+  else wait_count 0 100.64.0.0/10; wait_count "$M" 198.18.0.0/15; fi
+}
+announce_wired() {
+  inns "$ROUTECTL" -s "$ROUTE" gateway set wired "$1" dev bench0 >/dev/null \
+    || die "routectl gateway set wired $1 failed"
+}
+set_wired_gateway() { announce_wired "$1"; wait_count "$WIRED_N" 100.64.0.0/10 via "$1"; }
+
+say "bystander: behind a close of $CLOSE_N routes, a WAN setup change and a gateway change" \
+  "of $WIRED_N routes, $BYSTANDER_REPEATS x"
+: >"$WORK/by-close.txt"; : >"$WORK/by-setup.txt"; : >"$WORK/by-gateway.txt"
+announce_wired "$BENCH_GW"
+for _ in $(seq 1 "$BYSTANDER_REPEATS"); do
+  rm -f "$WORK/set.out" "$WORK/release"
+  "$IP" netns exec "$NS" "$RMBENCH" set -s "$ROUTE" -n "$CLOSE_N" --out "$WORK/set.out" \
+    --hold-until "$WORK/release" &
+  SETPID=$!
+  while [ ! -f "$WORK/set.out" ]; do
+    kill -0 "$SETPID" 2>/dev/null || die "rmbench set died"
+    sleep 0.01
+  done
+  bystander close close_routes
+  bystander setup set_wan_setup wired
+  bystander gateway set_wired_gateway "$GW_OTHER"
+  bystander gateway set_wired_gateway "$BENCH_GW"
+  bystander setup set_wan_setup bench
+done
+# A run's figure: the longest of its waits (two per repeat for a setup or a
+# gateway change: there and back); the median of the runs is reported.
+cp "$WORK/by-close.txt" "$WORK/by-close-runs.txt"
+for k in setup gateway; do
+  paste -d' ' - - <"$WORK/by-$k.txt" | awk '{ print ($1 > $2) ? $1 : $2 }' >"$WORK/by-$k-runs.txt"
+done
+BY_CLOSE_MS=$(median <"$WORK/by-close-runs.txt")
+BY_SETUP_MS=$(median <"$WORK/by-setup-runs.txt")
+BY_GATEWAY_MS=$(median <"$WORK/by-gateway-runs.txt")
+
 # --- throughput with the HAL proxy on a Unix socket ---------------------------------
 # A second daemon whose HAL client goes to the Unix-socket proxy; the first
 # one is stopped so that its refreshes do not interfere.
@@ -334,11 +454,13 @@ throughput_runs "$NT" "$REPEATS" "$ROUTE_UNIX" "$RM_UNIX_PID" unix
 TPU_RATE=$(rate "$NT" "$WORK/tp-unix.txt")
 TPU_REF_RATE=$(rate "$NT" "$WORK/tp-ref-unix.txt")
 TPU_RATIO=$(ratio_of "$WORK/tp-ref-unix.txt" "$WORK/tp-unix.txt")
+floor_runs "$NT" unix unix
+CMDU_US=$(median <"$WORK/cmd-unix.txt"); FLOORU_US=$(median <"$WORK/floor-unix.txt")
+CMDU_RATIO=$(median <"$WORK/cmd-ratio-unix.txt")
 
 # --- derived figures ----------------------------------------------------------------
 SHARE_RM=$(calc "${REFRESH_CPU_MS[$NR]} / ($REFRESH_PERIOD_S * 1000) * 100")
 SHARE_ALL=$(calc "(${REFRESH_CPU_MS[$NR]} + ${REFRESH_PROXY_MS[$NR]}) / ($REFRESH_PERIOD_S * 1000) * 100")
-LAT_RATIO=$(calc "$LAT16_P99 / $LAT1_P50")
 START_RATIO=$(calc "$START_US / $START_REF_US")
 BIGGEST=""; for n in $THROUGHPUT_N; do BIGGEST=$n; done
 BPR=$(calc "(${RSS_KB[$BIGGEST]} - $RSS_IDLE_KB) * 1024 / $BIGGEST")
@@ -369,15 +491,21 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
   printf '%s, %s cores, kernel %s, %s, %s build, %s\n\n' "$CPU_MODEL" "$NPROC" "$KERNEL" \
     "$CXX_VERSION" "${BT:-?}" "$GIT"
   printf '%-44s %14s %14s %8s  %s\n' "figure" "routemgr" "reference" "ratio" "bar"
+  printf '%-44s %14.1f %14.1f %8s  %s\n' "ping-pong round trip, TCP / Unix socket (us)" \
+    "$PP_TCP_US" "$PP_UNIX_US" "-" ""
+  printf '%-44s %14.1f %14s %8s  %s\n' "ip -batch add, per route (us)" "$IP_PER_ROUTE_US" "-" "-" ""
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "per command N=$NT (us; ref floor *)" \
+    "$CMD_US" "$FLOOR_US" "$CMD_RATIO" "<= 1.15: $(verdict "$CMD_RATIO <= 1.15")"
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "per command N=$NT, HAL on a Unix socket (us)" \
+    "$CMDU_US" "$FLOORU_US" "$CMDU_RATIO" "<= 1.15: $(verdict "$CMDU_RATIO <= 1.15")"
   for n in $THROUGHPUT_N; do
-    bar=""; [ "$n" = "$NT" ] && bar=">= 1.0: $(verdict "${TP_RATIO[$n]} >= 1.0")"
     printf '%-44s %14.0f %14.0f %8.3f  %s\n' "throughput N=$n (routes/s; ref ip -batch add)" \
-      "${TP_RATE[$n]}" "${TP_REF_RATE[$n]}" "${TP_RATIO[$n]}" "$bar"
+      "${TP_RATE[$n]}" "${TP_REF_RATE[$n]}" "${TP_RATIO[$n]}" ""
   done
   printf '%-44s %14.0f %14.0f %8.3f  %s\n' "throughput N=$NT, HAL on a Unix socket" \
     "$TPU_RATE" "$TPU_REF_RATE" "$TPU_RATIO" ""
   for n in $REFRESH_N; do
-    bar=""; [ "$n" = "$NR" ] && bar="<= 1.0: $(verdict "${REFRESH_RATIO[$n]} <= 1.0")"
+    bar=""; [ "$n" = "$NR" ] && bar="<= 0.25: $(verdict "${REFRESH_RATIO[$n]} <= 0.25")"
     printf '%-44s %14.1f %14.1f %8.3f  %s\n' "refresh N=$n M=$M (ms; ref ip -batch replace)" \
       "${REFRESH_MS[$n]}" "${REFRESH_REF_MS[$n]}" "${REFRESH_RATIO[$n]}" "$bar"
   done
@@ -394,16 +522,24 @@ if [ "$QUICK" = 1 ]; then MODE=quick; COMMAND="sudo bench/run.sh --quick"; fi
     "<= 1.0: $(verdict "$WAIT_OVER_BOUND <= 1.0 && $WAIT_BEHIND_TWO == 0")"
   printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 1 client p50/p99 (us)" "$LAT1_P50" "$LAT1_P99" "-" ""
   printf '%-44s %14.1f %14.1f %8s  %s\n' "SetRoute round trip, 16 clients p50/p99 (us)" "$LAT16_P50" "$LAT16_P99" "-" ""
-  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "p99 16 clients vs p50 1 client (us)" "$LAT16_P99" "$LAT1_P50" \
-    "$LAT_RATIO" "<= 4.0: $(verdict "$LAT_RATIO <= 4.0")"
+  printf '%-44s %14.1f %14.1f %8.3f  %s\n' "p99 / p50, 16 clients (us)" "$LAT16_P99" "$LAT16_P50" \
+    "$LAT16_RATIO" "<= 1.5: $(verdict "$LAT16_RATIO <= 1.5")"
+  printf '%-44s %14.1f %14s %8s  %s\n' "bystander wait, a close of $CLOSE_N routes (ms)" "$BY_CLOSE_MS" \
+    "-" "-" "<= 100: $(verdict "$BY_CLOSE_MS <= 100")"
+  printf '%-44s %14.1f %14s %8s  %s\n' "bystander wait, WAN setup change $WIRED_N (ms)" "$BY_SETUP_MS" \
+    "-" "-" "<= 100: $(verdict "$BY_SETUP_MS <= 100")"
+  printf '%-44s %14.1f %14s %8s  %s\n' "bystander wait, gateway change $WIRED_N (ms)" "$BY_GATEWAY_MS" \
+    "-" "-" "<= 100: $(verdict "$BY_GATEWAY_MS <= 100")"
   printf '%-44s %14s %14s %8s  %s\n' "RSS idle (KiB; VmRSS / VmHWM)" "$RSS_IDLE_KB" "$HWM_IDLE_KB" "-" ""
   for n in $THROUGHPUT_N; do
     printf '%-44s %14s %14s %8s  %s\n' "RSS holding $n custom routes (KiB; VmRSS / VmHWM)" "${RSS_KB[$n]}" "${HWM_KB[$n]}" "-" ""
   done
   printf '%-44s %14.0f %14s %8s  %s\n' "bytes per custom route (N=$BIGGEST)" "$BPR" "-" "-" \
-    "<= 400: $(verdict "$BPR <= 400")"
+    "<= 320: $(verdict "$BPR <= 320")"
   printf '%-44s %14.1f %14.1f %8.3f  %s\n' "start to route server ready (ms; ref halproxy)" \
     "$(calc "$START_US / 1000")" "$(calc "$START_REF_US / 1000")" "$START_RATIO" ""
+  printf '\n* per command: the floor is a bare request/answer round trip between two processes on\n'
+  printf '  the HAL link'"'"'s transport plus ip -batch'"'"'s time per route\n'
   printf '\n* restoration: half a refresh period plus the refresh, the mean wait before halproxy\n'
   printf '  put lost routes back itself\n'
   printf '\n* the refresh it waited behind (%.1f ms) plus the longest wait of a command outside\n' "$WAIT_REFRESH_MS"
@@ -441,6 +577,17 @@ jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
     sep=$',\n'
   done
   printf '\n  ],\n'
+  printf '  "per_command": {"n": %s, "ping_pong_tcp_us": %s, "ping_pong_unix_us": %s, "ip_batch_per_route_us": %s,\n' \
+    "$NT" "$PP_TCP_US" "$PP_UNIX_US" "$IP_PER_ROUTE_US"
+  printf '     "routemgr_us": %s, "floor_us": %s, "over_floor": %s,\n' "$CMD_US" "$FLOOR_US" "$CMD_RATIO"
+  printf '     "hal_unix_socket": {"routemgr_us": %s, "floor_us": %s, "over_floor": %s},\n' \
+    "$CMDU_US" "$FLOORU_US" "$CMDU_RATIO"
+  printf '     "ping_pong_tcp_runs_us": %s, "ping_pong_unix_runs_us": %s, "over_floor_runs": %s},\n' \
+    "$(jlist <"$WORK/pp-tcp-$NT.txt")" "$(jlist <"$WORK/pp-unix-$NT.txt")" "$(jlist <"$WORK/cmd-ratio-$NT.txt")"
+  printf '  "bystander_wait_ms": {"close_routes": %s, "configured_routes": %s, "close": %s, "wan_setup_change": %s, "gateway_change": %s,\n' \
+    "$CLOSE_N" "$WIRED_N" "$BY_CLOSE_MS" "$BY_SETUP_MS" "$BY_GATEWAY_MS"
+  printf '     "close_runs": %s, "wan_setup_change_runs": %s, "gateway_change_runs": %s},\n' \
+    "$(jlist <"$WORK/by-close-runs.txt")" "$(jlist <"$WORK/by-setup-runs.txt")" "$(jlist <"$WORK/by-gateway-runs.txt")"
   printf '  "throughput_hal_unix_socket": {"n": %s, "routemgr_routes_per_s": %s, "ip_batch_routes_per_s": %s, "ratio": %s},\n' \
     "$NT" "$TPU_RATE" "$TPU_REF_RATE" "$TPU_RATIO"
   printf '  "refresh_hal_unix_socket": {"n": %s, "refresh_ms": %s, "ip_batch_replace_ms": %s, "ratio": %s},\n' \
@@ -455,8 +602,8 @@ jstr() { printf '"%s"' "$(printf '%s' "$1" | sed 's/\\/\\\\/g; s/"/\\"/g')"; }
     "$NX" "$RESTORE_FLUSH_MS" "$RESTORE_FLAP_MS" "$RESTORE_REF_MS"
   printf '     "flush_runs_us": %s, "flap_runs_us": %s},\n' "$(jlist <"$WORK/restore-flush.txt")" \
     "$(jlist <"$WORK/restore-flap.txt")"
-  printf '  "latency_us": {"one_client": {"p50": %s, "p99": %s}, "sixteen_clients": {"p50": %s, "p99": %s}, "p99_16_over_p50_1": %s},\n' \
-    "$LAT1_P50" "$LAT1_P99" "$LAT16_P50" "$LAT16_P99" "$LAT_RATIO"
+  printf '  "latency_us": {"one_client": {"p50": %s, "p99": %s}, "sixteen_clients": {"p50": %s, "p99": %s}, "p99_over_p50_16": %s},\n' \
+    "$LAT1_P50" "$LAT1_P99" "$LAT16_P50" "$LAT16_P99" "$LAT16_RATIO"
   printf '  "memory_kib": {"idle_rss": %s, "idle_hwm": %s' "$RSS_IDLE_KB" "$HWM_IDLE_KB"
   for n in $THROUGHPUT_N; do printf ', "rss_%s": %s, "hwm_%s": %s' "$n" "${RSS_KB[$n]}" "$n" "${HWM_KB[$n]}"; done
   printf ', "bytes_per_route": %s},\n' "$BPR"

@@ -38,7 +38,9 @@ bench/run.sh --quick --out "$out/smoke.json"
 # Every figure must be there and be a number (a failed step leaves "null"
 # or an empty field, which makes the JSON invalid or the check below fail).
 for key in routemgr_routes_per_s ip_batch_routes_per_s refresh_ms ip_batch_replace_ms \
-           p99_16_over_p50_1 max_wait_over_bound bytes_per_route idle_rss halproxy_reference; do
+           ping_pong_tcp_us ping_pong_unix_us floor_us over_floor close wan_setup_change \
+           gateway_change p99_over_p50_16 max_wait_over_bound bytes_per_route idle_rss \
+           halproxy_reference; do
   grep -Eq "\"$key\": [0-9.e+-]+" "$out/smoke.json" || {
     echo "ci-bench-smoke: figure $key missing from the result" >&2
     cat "$out/smoke.json" >&2
