@@ -3,7 +3,7 @@
 // one call at a time, shows for the same answers.
 #ifdef HALPROXY_PATH
 #include <functional>
-#include <regex>
+#include <sstream>
 
 #include "hal/hal_protocol.h"
 #include "halproxy/proxy_process.h"
@@ -13,24 +13,35 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// The proxy's log of the requests it answered, in the fake's notation.
+// The proxy's log of the requests it answered, in the fake's notation:
+// "MODULE LEVEL file:line OP ARGS -> RESULT ...".
 Lines ProxyCalls(std::string const& log) {
-  static std::regex const request(R"(:\d+ (\w+) (.*) -> )");
-  static std::regex const set(R"((\S+)/(\S+) via (\S+) dev (\S+) src (\S+) metric (\d+) avail=(\d))");
-  static std::regex const del(R"((\S+)/(\S+) via (\S+) avail=(\d))");
-  static std::regex const dflt(R"((\S+) metric (\d+))");
   Lines calls;
-  for (std::sregex_iterator it(log.begin(), log.end(), request), end; it != end; ++it) {
-    std::string const op = (*it)[1], args = (*it)[2];
-    std::string line = op + " " + args;
-    if (op == "ConfigureIPGateway") {
-      line = op + " " + std::regex_replace(args, set, "$1 $2 $3 $5 '$4' $6 $7");
-      line = std::regex_replace(line, std::regex("'-'"), "''");
-    } else if (op == "RemoveIPGateway") {
-      line = op + " " + std::regex_replace(args, del, "$1 $2 $3 $4");
-    } else if (op == "ConfigureIpDefaultGateway") {
-      line = op + " " + std::regex_replace(args, dflt, "$1 $2");
-    } else if (op != "RemoveIPDefaultGateway") {
+  std::istringstream lines(log);
+  for (std::string text; std::getline(lines, text);) {
+    std::istringstream words(text);
+    std::vector<std::string> w;
+    for (std::string word; words >> word && word != "->";) w.push_back(word);
+    if (w.size() < 4 || text.find(" -> ") == std::string::npos) continue;
+    std::string const& op = w[3];
+    auto at = [&](std::size_t i) { return i < w.size() ? w[i] : std::string(); };
+    auto slash = [](std::string const& s) {
+      std::size_t const k = s.find('/');
+      return s.substr(0, k) + " " + (k == std::string::npos ? "" : s.substr(k + 1));
+    };
+    auto avail = [](std::string const& s) { return s.substr(s.find('=') + 1); };
+    std::string line;
+    if (op == "ConfigureIPGateway") {  // N/M via G dev IF src S metric X avail=A
+      std::string const dev = at(8) == "-" ? "" : at(8);
+      line = op + " " + slash(at(4)) + " " + at(6) + " " + at(10) + " '" + dev + "' " + at(12) +
+             " " + avail(at(13));
+    } else if (op == "RemoveIPGateway") {  // N/M via G avail=A
+      line = op + " " + slash(at(4)) + " " + at(6) + " " + avail(at(7));
+    } else if (op == "ConfigureIpDefaultGateway") {  // G metric X
+      line = op + " " + at(4) + " " + at(6);
+    } else if (op == "RemoveIPDefaultGateway") {
+      line = op + " " + at(4);
+    } else {
       continue;  // the test's own requests
     }
     calls.push_back(line);
