@@ -79,6 +79,9 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   stack.dataSap = "unix:" + run.Path() + "/data/data.sock";
   stack.routeSap = "unix:" + run.Path() + "/route/route.sock";
   ASSERT_TRUE(stack.Start());
+  // The route manager configures the table once it has read the store:
+  // compare with that, not with whatever the table held a moment earlier.
+  ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));
   std::vector<std::string> const before = stack.HalTable();
 
   std::string const nobody = "setpriv --reuid=65534 --regid=65534 ";
