@@ -195,10 +195,7 @@ fi
 
 # What the router's flash has room for, stripped. The file grows in steps
 # of a page: the read-only-after-relocation data ends on a page boundary.
-# halproxy's aim is 112 KiB (114,688); since it owns its routes, sweeps and
-# restores them it is above that, and this bound only stops further growth
-# until it is brought back.
-declare -A budget=([routemgr]=204800 [halproxy]=139264)
+declare -A budget=([routemgr]=204800 [halproxy]=114688)
 
 log "stripped sizes"
 mkdir -p "$BUILD_DIR/stripped"

@@ -11,6 +11,7 @@
 #include <map>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "kest/format.h"
 #include "kest/trace.h"
@@ -53,11 +54,26 @@ struct cEventLoop::Impl {
     std::uint32_t gen;
   };
   int epfd = -1;
-  std::map<int, std::shared_ptr<Watch>> watches;
+  std::map<int, std::unique_ptr<Watch>> watches;
+  // A callback may unwatch or re-watch its own descriptor: while callbacks
+  // run, a replaced or removed watch waits here, so the callback it holds
+  // outlives its own call.
+  int dispatching = 0;
+  std::vector<std::unique_ptr<Watch>> retired;
+  // DeleteLater's objects, each with the function that deletes it.
+  std::vector<std::pair<void*, void (*)(void*)>> doomed;
+
+  ~Impl() {
+    for (auto& d : doomed) d.second(d.first);
+  }
   std::map<std::pair<std::uint64_t, TimerId>, std::function<void()>> timers;
   std::unordered_map<TimerId, std::uint64_t> timerDue;
   std::deque<std::function<void()>> posted;
   bool signalsWatched = false;
+
+  void Retire(std::unique_ptr<Watch> w) {
+    if (dispatching > 0) retired.push_back(std::move(w));
+  }
 
   bool RunPosted() {
     std::size_t n = posted.size();
@@ -93,7 +109,9 @@ bool cEventLoop::WatchFd(int fd, std::uint32_t events, FdCallback cb) {
     KEST_TRACE("kest", "002", "cannot watch fd %d (errno:%d/%s)", fd, errno, std::strerror(errno));
     return false;
   }
-  m_impl->watches[fd] = std::make_shared<Impl::Watch>(Impl::Watch{std::move(cb), events, gen});
+  std::unique_ptr<Impl::Watch>& slot = m_impl->watches[fd];
+  m_impl->Retire(std::move(slot));
+  slot.reset(new Impl::Watch{std::move(cb), events, gen});
   return true;
 }
 
@@ -117,6 +135,7 @@ void cEventLoop::UnwatchFd(int fd) {
   if (it == m_impl->watches.end()) return;
   // The descriptor may already be closed; the entry goes away regardless.
   epoll_ctl(m_impl->epfd, EPOLL_CTL_DEL, fd, nullptr);
+  m_impl->Retire(std::move(it->second));
   m_impl->watches.erase(it);
 }
 
@@ -136,6 +155,21 @@ void cEventLoop::CancelTimer(TimerId id) {
 }
 
 void cEventLoop::Post(std::function<void()> fn) { m_impl->posted.push_back(std::move(fn)); }
+
+void cEventLoop::DeleteLater(void* obj, void (*destroy)(void*)) {
+  if (obj == nullptr) return;
+  m_impl->doomed.emplace_back(obj, destroy);
+  Post([this, obj] {
+    auto& doomed = m_impl->doomed;
+    for (auto it = doomed.begin(); it != doomed.end(); ++it) {
+      if (it->first != obj) continue;
+      void (*destroy)(void*) = it->second;
+      doomed.erase(it);
+      destroy(obj);
+      return;
+    }
+  });
+}
 
 void cEventLoop::PostFront(std::function<void()> fn) { m_impl->posted.push_front(std::move(fn)); }
 
@@ -179,8 +213,12 @@ bool cEventLoop::RunOnce(int maxWaitMs) {
       auto it = im.watches.find(fd);
       // Unwatched (or re-watched) by an earlier callback of this round.
       if (it == im.watches.end() || it->second->gen != gen) continue;
-      std::shared_ptr<Impl::Watch> keep = it->second;
-      if (keep->cb) keep->cb(events[i].events);
+      Impl::Watch& w = *it->second;
+      if (w.cb) {
+        ++im.dispatching;
+        w.cb(events[i].events);
+        if (--im.dispatching == 0) im.retired.clear();
+      }
       ran = true;
     }
   } else if (timeout != 0) {

@@ -32,6 +32,13 @@ class cEventLoop {
   // Queues fn ahead of all posted work (framework start-up events that must
   // come first whatever was posted before the loop ran).
   void PostFront(std::function<void()> fn);
+  // Deletes obj in turn with posted work, i.e. after the callback running
+  // now has returned: for an object that ends from inside its own callback.
+  // What the loop still holds when it is destroyed goes with it.
+  template <class T>
+  void DeleteLater(std::unique_ptr<T> obj) {
+    DeleteLater(obj.release(), [](void* p) { delete static_cast<T*>(p); });
+  }
 
   // Runs until Quit(). SIGTERM and SIGINT (see InstallStopSignals) call Quit.
   void Run();
@@ -52,6 +59,8 @@ class cEventLoop {
   void InstallStopSignals();
 
  private:
+  void DeleteLater(void* obj, void (*destroy)(void*));
+
   struct Impl;
   std::unique_ptr<Impl> m_impl;
   IClock* m_clock;

@@ -472,11 +472,11 @@ void cServer::OnChannelClosed(cChannel* channel, std::string const&) {
   DisarmStall(it->second);
   // The channel may be closing from inside its own callback: it is deleted
   // from the loop, after that callback has returned.
-  std::shared_ptr<cChannel> dying(std::move(it->second.channel));
+  std::unique_ptr<cChannel> dying(std::move(it->second.channel));
   bool const greeted = it->second.greeted;
   m_channels.erase(it);
   if (m_handler && greeted) m_handler->OnClose(channel);
-  Loop().Post([dying] {});
+  Loop().DeleteLater(std::move(dying));
 }
 
 void cServer::OnFrame(cChannel* channel, cFrame& frame) {
