@@ -40,26 +40,18 @@ int FakeHal::Answer(char const* op) {
 std::vector<std::string> FakeHal::Take() { return std::exchange(log, {}); }
 
 FakeData::~FakeData() {
-  for (auto* c : registered) {
-    delete c;
-  }
+  for (auto* c : registered) delete c;
 }
 
 bool FakeData::RegisterCollection(dataIO::cDBCollection* collection) {
   log.push_back("Register " + collection->GetDir() + (refuse ? " refused" : ""));
-  if (refuse) {
-    return false;
-  }
-  registered.push_back(collection);
-  return true;
+  if (!refuse) registered.push_back(collection);
+  return !refuse;
 }
 
 bool FakeData::DeregisterCollection(dataIO::cDBCollection* collection) {
-  if (collection == nullptr) {
-    log.push_back("Deregister null");
-    return true;
-  }
-  log.push_back("Deregister " + collection->GetDir());
+  log.push_back("Deregister " + (collection ? collection->GetDir() : std::string("null")));
+  if (!collection) return true;
   registered.erase(std::remove(registered.begin(), registered.end(), collection),
                    registered.end());
   delete collection;

@@ -13,6 +13,14 @@ TEST_F(ServiceTest, SetRouteMasksNetworkAndRemembersOwner) {
   // Stored as given: the dump shows the host bits.
   EXPECT_EQ(svc->Routes().at("a").m_network.GetIPString(), "192.168.1.77");
   EXPECT_EQ(svc->RoutesByClient().at(Client(1)), (std::set<std::string>{"a"}));
+
+  // A failed installation keeps the route for the refresh.
+  hal.answer["ConfigureIPGateway"] = 5;
+  r = SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "b");
+  EXPECT_FALSE(r.success);
+  EXPECT_EQ(r.rc, 5);
+  EXPECT_EQ(Traces().back(), "Error Setting Route :5");
+  EXPECT_EQ(svc->Routes().count("b"), 1u);
 }
 
 TEST_F(ServiceTest, SetRouteOfKnownTagRemovesTheOldRouteFirst) {
@@ -33,15 +41,6 @@ TEST_F(ServiceTest, SetRouteOfKnownTagRemovesTheOldRouteFirst) {
   EXPECT_EQ(svc->Routes().size(), 1u);
   EXPECT_EQ(svc->Routes().at("a").m_gatewayIP.GetIPString(), "10.0.0.2");
   EXPECT_EQ(svc->RoutesByClient().at(Client(1)).size(), 1u);
-}
-
-TEST_F(ServiceTest, FailedInstallationKeepsTheRouteForTheRefresh) {
-  hal.answer["ConfigureIPGateway"] = 5;
-  auto r = SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "a");
-  EXPECT_FALSE(r.success);
-  EXPECT_EQ(r.rc, 5);
-  EXPECT_EQ(Traces().back(), "Error Setting Route :5");
-  EXPECT_EQ(svc->Routes().count("a"), 1u);
 }
 
 TEST_F(ServiceTest, DelRoute) {
@@ -94,6 +93,12 @@ TEST_F(ServiceTest, TagsAreSharedBetweenClients) {
   EXPECT_EQ(Traces().back(), "0 of 1 routes deleted");
   EXPECT_TRUE(svc->RoutesByClient().empty());
   EXPECT_TRUE(svc->Routes().empty());
+
+  svc->OnClientClosed(nullptr, Client(3));  // a client that never set a route
+  EXPECT_TRUE(hal.Take().empty());
+  traces = Traces();
+  ASSERT_EQ(traces.size(), 1u);
+  EXPECT_EQ(traces[0].rfind("Route Client Closed:", 0), 0u);
 }
 
 TEST_F(ServiceTest, CloseRemovesRoutesInTagOrderEvenWhenTheHalFails) {
@@ -110,12 +115,4 @@ TEST_F(ServiceTest, CloseRemovesRoutesInTagOrderEvenWhenTheHalFails) {
                                "RemoveIPGateway 10.3.0.0 255.255.0.0 10.0.0.1 1"}));
   EXPECT_EQ(Traces().back(), "2 of 3 routes deleted");
   EXPECT_TRUE(svc->Routes().empty());
-}
-
-TEST_F(ServiceTest, CloseOfAClientWithoutRoutesOnlyTraces) {
-  svc->OnClientClosed(nullptr, Client(3));
-  EXPECT_TRUE(hal.Take().empty());
-  auto traces = Traces();
-  ASSERT_EQ(traces.size(), 1u);
-  EXPECT_EQ(traces[0].rfind("Route Client Closed:", 0), 0u);
 }

@@ -2,24 +2,7 @@
 
 using Lines = std::vector<std::string>;
 
-TEST_F(ServiceTest, MessageMapHoldsTheThreeEntries) {
-  svc->InitMessageMap();
-  Lines names;
-  for (auto const& e : svc->MessageMap().Entries()) {
-    names.push_back(e.name);
-    EXPECT_EQ(e.channel, nullptr);
-  }
-  EXPECT_EQ(names, (Lines{"WATCHER::ALL-UP", "HAL::ON-CONNECT", "TIMER::ON-REFRESH"}));
-}
-
-TEST_F(ServiceTest, ConstructionStartsNothing) {
-  EXPECT_TRUE(data.Take().empty());
-  EXPECT_TRUE(Traces().empty());
-  EXPECT_FALSE(svc->RefreshTimer().Running());
-  EXPECT_FALSE(svc->RouteServer().IsReady());
-}
-
-TEST_F(ServiceTest, AllUpOnlyAfterBothClientsConnected) {
+TEST_F(ServiceTest, ServesRouteClientsAndRefreshesOnlyOnceBothClientsAreUp) {
   testing::internal::CaptureStdout();
   svc->OnScmConnected();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "cRouteMgrService::connected to scm\n");
@@ -30,15 +13,14 @@ TEST_F(ServiceTest, AllUpOnlyAfterBothClientsConnected) {
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(Traces(), Lines{"Hal Connected"});
   EXPECT_FALSE(svc->RouteServer().IsReady());
+  EXPECT_FALSE(svc->RefreshTimer().Running());
 
   ConnectData();
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(Traces(), Lines{"All Connections UP"});
   EXPECT_TRUE(svc->RouteServer().IsReady());
   EXPECT_TRUE(svc->RefreshTimer().Running());
-}
 
-TEST_F(ServiceTest, SystemStatusIsTracedVerbatim) {
   svc->OnSystemStatus("shutting down");
   EXPECT_EQ(Traces(), Lines{"system status=shutting down"});
 }

@@ -69,9 +69,7 @@ void ServiceTest::Report(dataIO::cDBCollection* collection) {
   collection->SetSynced(true);
   svc->OnSync(nullptr, collection);
   auto& live = data.registered;
-  if (std::find(live.begin(), live.end(), collection) != live.end()) {
-    collection->EndSync();
-  }
+  if (std::find(live.begin(), live.end(), collection) != live.end()) collection->EndSync();
 }
 
 void ServiceTest::SyncStatus(std::string const& setupName) {
@@ -91,12 +89,8 @@ void ServiceTest::SyncRouting(std::vector<ConfiguredRoute> const& routes) {
   ASSERT_NE(routing, nullptr);
   routing->BeginSync();
   std::vector<std::string> gone;
-  for (auto const& [key, route] : routing->RoutesInForce()) {
-    gone.push_back(key);
-  }
-  for (auto const& key : gone) {
-    routing->RemoveItem(key);
-  }
+  for (auto const& [key, route] : routing->RoutesInForce()) gone.push_back(key);
+  for (auto const& key : gone) routing->RemoveItem(key);
   for (auto const& r : routes) {
     dataIO::cDBConfigWanRoute entry(r.key, routing->GetDir(), Addr(r.network.c_str()),
                                     Addr(r.netmask.c_str()), Addr(r.gateway.c_str()),

@@ -108,15 +108,7 @@ struct Item : dataIO::cDBItem {
   cDBItem* Clone() const override { return new Item(*this); }
 };
 
-TEST(Values, XmlIsNotImplementedAndTheLiveCountFollowsHeapObjects) {
-  kest::s_uint8 v;
-  xmlNode* node = nullptr;
-  std::string error;
-  EXPECT_FALSE(v.Serialize(node, "v"));
-  EXPECT_FALSE(v.Deserialize(node, error));
-  EXPECT_EQ(error, "Deserialize(xml) not implemented");
-  EXPECT_EQ(node, nullptr);
-
+TEST(Values, TheLiveCountFollowsHeapObjects) {
   const long before = kest::GC::LiveCount();
   auto* value = new kest::s_uint32(5);
   dataIO::cDBItem* item = new Item;
