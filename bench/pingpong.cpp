@@ -109,9 +109,12 @@ int main(int argc, char** argv) {
   long n = 20000, warmup = 500;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string k = argv[i];
-    if (k == "-s") sap = argv[i + 1];
-    else if (k == "-n") n = std::strtol(argv[i + 1], nullptr, 10);
-    else if (k == "--warmup") warmup = std::strtol(argv[i + 1], nullptr, 10);
+    if (k == "-s")
+      sap = argv[i + 1];
+    else if (k == "-n")
+      n = std::strtol(argv[i + 1], nullptr, 10);
+    else if (k == "--warmup")
+      warmup = std::strtol(argv[i + 1], nullptr, 10);
     else {
       std::fprintf(stderr, "usage: rmbench-pingpong -s SAP [-n N] [--warmup W]\n");
       return 2;
@@ -160,7 +163,8 @@ int main(int argc, char** argv) {
     if (i == warmup) start = Clock::now();
     auto t0 = Clock::now();
     ok = WriteAll(fd, request) && ReadFrame(fd, reader, reply);
-    if (i >= warmup) us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    if (i >= warmup)
+      us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
   }
   double totalUs = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
   close(fd);
@@ -172,7 +176,9 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::sort(us.begin(), us.end());
-  auto pct = [&](double p) { return us[static_cast<std::size_t>(p * static_cast<double>(us.size() - 1))]; };
+  auto pct = [&](double p) {
+    return us[static_cast<std::size_t>(p * static_cast<double>(us.size() - 1))];
+  };
   std::printf("round_trips=%ld\nmean_us=%.2f\np50_us=%.2f\np99_us=%.2f\n", n,
               totalUs / static_cast<double>(n), pct(0.5), pct(0.99));
   return 0;

@@ -58,7 +58,8 @@ class cBench {
   explicit cBench(cRouteMgrService& svc) : m_svc(svc) {}
 
   void Poll() {
-    if (m_svc.ConfigReceived() && m_svc.HalClient().IsConnected() && m_svc.RouteServer().IsReady()) {
+    if (m_svc.ConfigReceived() && m_svc.HalClient().IsConnected() &&
+        m_svc.RouteServer().IsReady()) {
       Measure();
       if (!StartProbe()) kest::Loop().Quit();
       return;
@@ -105,7 +106,8 @@ class cBench {
         auto b0 = Clock::now();
         int rc = std::system(between.c_str());
         std::printf("reference_ms=%.2f\n", Ms(Clock::now() - b0));
-        if (rc != 0) std::fprintf(stderr, "rmbench-refresh: '%s' failed (%d)\n", between.c_str(), rc);
+        if (rc != 0)
+          std::fprintf(stderr, "rmbench-refresh: '%s' failed (%d)\n", between.c_str(), rc);
       }
       long long proxy0 = ProcessCpuNs(proxyPid), cpu0 = ThreadCpuNs();
       auto w0 = Clock::now();
@@ -193,10 +195,10 @@ class cBench {
       if (behind == 0) maxOther = std::max(maxOther, wait);
       if (behind > 1) ++behindTwo;
     }
-    std::printf("probe_samples=%zu\nprobe_refreshes=%zu\nwait_max_ms=%.2f\nwait_refresh_ms=%.2f\n"
-                "wait_ratio=%.4f\nwait_outside_refresh_max_ms=%.2f\nwait_behind_two=%ld\n",
-                m_samples.size(), m_refreshes.size(), maxWait, itsRefresh, maxRatio, maxOther,
-                behindTwo);
+    std::printf(
+        "probe_samples=%zu\nprobe_refreshes=%zu\nwait_max_ms=%.2f\nwait_refresh_ms=%.2f\n"
+        "wait_ratio=%.4f\nwait_outside_refresh_max_ms=%.2f\nwait_behind_two=%ld\n",
+        m_samples.size(), m_refreshes.size(), maxWait, itsRefresh, maxRatio, maxOther, behindTwo);
     std::fflush(stdout);
     if (m_probeFailed) m_failed = true;
     kest::Loop().Quit();

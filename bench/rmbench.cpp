@@ -31,9 +31,9 @@
 #include "kest/access_point.h"
 #include "kest/frame.h"
 #include "kest/hello.h"
-#include "route_set.h"
 #include "routeIO/route_client.h"
 #include "routeIO/route_protocol.h"
+#include "route_set.h"
 
 namespace {
 
@@ -107,7 +107,8 @@ bool Greets(std::string const& sap, std::string& error) {
   if (!kest::cAccessPoint::Parse(sap, ap, error)) return false;
   sockaddr_storage addr{};
   socklen_t len = ap.ToSockaddr(addr);
-  int fd = socket(ap.kind == kest::cAccessPoint::kUnix ? AF_UNIX : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int fd = socket(ap.kind == kest::cAccessPoint::kUnix ? AF_UNIX : AF_INET,
+                  SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;
   timeval tv{1, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
@@ -161,7 +162,8 @@ int CmdSet(cArgs const& a) {
   long first = a.Num("--first", 0);
   std::vector<routeIO::routeCommand> cmds;
   cmds.reserve(static_cast<std::size_t>(n));
-  for (long i = 0; i < n; ++i) cmds.emplace_back(CustomRoute(static_cast<std::uint32_t>(first + i), "b"));
+  for (long i = 0; i < n; ++i)
+    cmds.emplace_back(CustomRoute(static_cast<std::uint32_t>(first + i), "b"));
   long failed = 0;
   std::int32_t firstError = 0;
   auto t0 = Clock::now();
@@ -251,8 +253,8 @@ int CmdProbe(cArgs const& a) {
   double stallUs = static_cast<double>(a.Num("--stall-us", 5000));
   std::vector<double> rtts;
   std::vector<double> stalls;
-  auto end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                std::chrono::duration<double>(seconds));
+  auto end = Clock::now() +
+             std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   long bad = 0;
   std::string until = a.Get("--until");
   while (Clock::now() < end && (until.empty() || access(until.c_str(), F_OK) != 0)) {
@@ -265,8 +267,8 @@ int CmdProbe(cArgs const& a) {
     std::this_thread::sleep_for(std::chrono::microseconds(gapUs));
   }
   std::printf("samples=%zu\nbad=%ld\np50_us=%.1f\nmax_us=%.1f\nstalls=%zu\n", rtts.size(), bad,
-              Percentile(rtts, 0.5), rtts.empty() ? 0.0 : *std::max_element(rtts.begin(), rtts.end()),
-              stalls.size());
+              Percentile(rtts, 0.5),
+              rtts.empty() ? 0.0 : *std::max_element(rtts.begin(), rtts.end()), stalls.size());
   for (double s : stalls) std::printf("stall_us=%.0f\n", s);
   return bad == 0 ? 0 : 1;
 }
@@ -354,8 +356,9 @@ int CmdIpBatch(cArgs const& a) {
   std::string out;
   out.reserve(static_cast<std::size_t>(n + m) * 80);
   for (long i = first; i < first + n; ++i) {
-    out += "route " + op + " " + bench::Dotted(bench::CustomNetwork(static_cast<std::uint32_t>(i))) +
-           "/" + std::to_string(bench::kCustomPrefixLen) + tail;
+    out += "route " + op + " " +
+           bench::Dotted(bench::CustomNetwork(static_cast<std::uint32_t>(i))) + "/" +
+           std::to_string(bench::kCustomPrefixLen) + tail;
   }
   for (long i = 0; i < m; ++i) {
     out += "route " + op + " " +
@@ -373,8 +376,9 @@ int CmdIpBatch(cArgs const& a) {
 int CmdConfig(cArgs const& a) {
   long m = std::min<long>(a.Num("-m", 100), bench::kMaxConfigured);
   long w = std::min<long>(a.Num("--wired", 0), bench::kMaxWired);
-  std::string out = "{\n  \"status\": {\"wanSetup\": \"bench\"},\n"
-                    "  \"wanSetups\": {\n    \"bench\": {\n      \"routing\": {\n";
+  std::string out =
+      "{\n  \"status\": {\"wanSetup\": \"bench\"},\n"
+      "  \"wanSetups\": {\n    \"bench\": {\n      \"routing\": {\n";
   for (long i = 0; i < m; ++i) {
     out += "        \"c" + std::to_string(i) + "\": {\"network\": \"" +
            bench::Dotted(bench::ConfiguredNetwork(static_cast<std::uint32_t>(i))) +

@@ -1,8 +1,8 @@
 #include "dataIO/data_client.h"
-#include "dataIO/data_protocol.h"
 
 #include <algorithm>
 
+#include "dataIO/data_protocol.h"
 #include "kest/format.h"
 #include "kest/loop.h"
 #include "kest/trace.h"
@@ -31,7 +31,8 @@ void dataDeinit() {
 
 cDataClient::cDataClient(kest::cService* service, IDataClient* callback, unsigned timeoutMs,
                          std::string accessPoint)
-    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), proto::kService), m_callback(callback) {}
+    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), proto::kService),
+      m_callback(callback) {}
 
 cDataClient::~cDataClient() {
   m_alive.reset();
@@ -81,8 +82,9 @@ bool cDataClient::RegisterCollection(cDBCollection* collection) {
 bool cDataClient::DeregisterCollection(cDBCollection* collection) {
   if (m_redirect != nullptr) return m_redirect->DeregisterCollection(collection);
   if (collection == nullptr) return false;
-  auto it = std::find_if(m_regs.begin(), m_regs.end(),
-                         [collection](cRegistration const& r) { return r.collection == collection; });
+  auto it = std::find_if(m_regs.begin(), m_regs.end(), [collection](cRegistration const& r) {
+    return r.collection == collection;
+  });
   if (it == m_regs.end()) return false;
   if (IsConnected()) {
     kest::cSerializeBuffer body;
@@ -153,8 +155,8 @@ void cDataClient::OnEvent(kest::cFrame& frame) {
     case proto::kOpSync: {
       proto::cSync chunk;
       if (!proto::Decode(frame.body, chunk, error)) {
-        KEST_TRACE(kModule, kLevelWarn, "dropped sync message from %s: %s",
-                   AccessPoint().c_str(), error.c_str());
+        KEST_TRACE(kModule, kLevelWarn, "dropped sync message from %s: %s", AccessPoint().c_str(),
+                   error.c_str());
         return;
       }
       cPending pending{cPending::kSync, {}, {}, {}};
@@ -166,8 +168,8 @@ void cDataClient::OnEvent(kest::cFrame& frame) {
     case proto::kOpDumpRequest: {
       proto::cDumpRequest msg;
       if (!proto::Decode(frame.body, msg, error)) {
-        KEST_TRACE(kModule, kLevelWarn, "dropped dump request from %s: %s",
-                   AccessPoint().c_str(), error.c_str());
+        KEST_TRACE(kModule, kLevelWarn, "dropped dump request from %s: %s", AccessPoint().c_str(),
+                   error.c_str());
         return;
       }
       Queue(cPending{cPending::kDump, {}, msg.dir, {}});
@@ -222,7 +224,8 @@ void cDataClient::Drain() {
         break;
       case cPending::kDump: {
         bool ok = true;
-        if (m_callback != nullptr) ok = m_callback->OnDumpRequest(this, kest::s_string(pending.dir));
+        if (m_callback != nullptr)
+          ok = m_callback->OnDumpRequest(this, kest::s_string(pending.dir));
         if (alive.expired()) return;
         kest::cSerializeBuffer body;
         proto::Encode(proto::cDumpResult{pending.dir, ok}, body);
@@ -230,7 +233,8 @@ void cDataClient::Drain() {
         break;
       }
       case cPending::kRefused:
-        if (m_callback != nullptr) m_callback->OnRequestFailed(this, pending.dir + ": " + pending.reason);
+        if (m_callback != nullptr)
+          m_callback->OnRequestFailed(this, pending.dir + ": " + pending.reason);
         break;
     }
     if (alive.expired()) return;
@@ -247,7 +251,7 @@ void cDataClient::ApplySync(proto::cSync& sync) {
   bool const full = (sync.flags & proto::kSyncFull) != 0;
   // A snapshot answering an earlier subscription (or a stopped connection's).
   if (full && (reg->tag == 0 || sync.tag != reg->tag)) return;
-  if (!full && !reg->snapshotSeen) return;   // the coming snapshot holds it
+  if (!full && !reg->snapshotSeen) return;  // the coming snapshot holds it
   cDBCollection* const collection = reg->collection;
 
   collection->BeginSync();

@@ -80,8 +80,8 @@ class cDataClient : public kest::cServiceClient, public IDataApi {
  private:
   struct cRegistration {
     cDBCollection* collection = nullptr;
-    std::uint32_t tag = 0;       // of the latest subscription sent
-    bool snapshotSeen = false;   // changes only count after the snapshot
+    std::uint32_t tag = 0;          // of the latest subscription sent
+    bool snapshotSeen = false;      // changes only count after the snapshot
     std::set<std::string> present;  // item names the manager last listed
   };
   // Callbacks wait here and run from the loop, in arrival order.
@@ -107,8 +107,8 @@ class cDataClient : public kest::cServiceClient, public IDataApi {
   int m_staleNotices = 0;  // Stop() barriers not yet passed by the loop
   bool m_drainPosted = false;
   std::uint32_t m_nextTag = 1;
-  cDBCollection* m_reporting = nullptr;  // the collection inside OnSync
-  bool m_deleteReported = false;          // deregistered from inside its OnSync
+  cDBCollection* m_reporting = nullptr;                     // the collection inside OnSync
+  bool m_deleteReported = false;                            // deregistered from inside its OnSync
   std::shared_ptr<int> m_alive = std::make_shared<int>(0);  // posted work checks it
 };
 

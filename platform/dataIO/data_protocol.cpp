@@ -132,8 +132,8 @@ bool Decode(kest::cSerializeBuffer& in, cSync& msg, std::string& error) {
     if (!e.remove) {
       std::uint32_t len = 0;
       if (!in.ReadU32(len) || len > in.Remaining()) {
-        error = kest::FormatString("entry %u (%s): record length beyond the body", i,
-                                   e.name.c_str());
+        error =
+            kest::FormatString("entry %u (%s): record length beyond the body", i, e.name.c_str());
         return false;
       }
       e.bytes.resize(len);
@@ -160,8 +160,8 @@ bool Decode(kest::cSerializeBuffer& in, cDumpResult& msg, std::string& error) {
 }
 
 bool Decode(kest::cSerializeBuffer& in, cRefused& msg, std::string& error) {
-  return GetString(in, msg.dir, "directory", error) &&
-         GetString(in, msg.reason, "reason", error) && AtEnd(in, error);
+  return GetString(in, msg.dir, "directory", error) && GetString(in, msg.reason, "reason", error) &&
+         AtEnd(in, error);
 }
 
 std::vector<kest::cSerializeBuffer> EncodeSyncChunks(cSync const& msg, std::size_t maxBody) {

@@ -19,7 +19,8 @@ char const* const kLevelDebug = "007";
 
 cHalClient::cHalClient(kest::cService* service, IHalClient* callback, unsigned timeoutMs,
                        std::string accessPoint)
-    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), kService), m_callback(callback) {}
+    : kest::cServiceClient(service, timeoutMs, std::move(accessPoint), kService),
+      m_callback(callback) {}
 
 cHalClient::~cHalClient() = default;
 
@@ -158,8 +159,8 @@ int cHalClient::ConfigureIPGateway(std::string const& network, std::string const
                                    std::string const& ifname, unsigned int const& metric,
                                    bool const& gwAvailable) {
   if (m_redirect != nullptr) {
-    return Record(m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname,
-                                                 metric, gwAvailable));
+    return Record(m_redirect->ConfigureIPGateway(network, netmask, gateway, source, ifname, metric,
+                                                 gwAvailable));
   }
   cHalRequest req;
   req.op = halop::kConfigureIPGateway;

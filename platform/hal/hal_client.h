@@ -94,12 +94,12 @@ class cHalClient : public kest::cServiceClient, public IHalApi {
   [[maybe_unused]] IHalClient* m_callback;  // no callbacks yet: connections arrive as messages
   IHalApi* m_redirect = nullptr;
   bool m_batching = false;
-  std::vector<int> m_batchResults;     // per request of the batch, in the order asked
+  std::vector<int> m_batchResults;       // per request of the batch, in the order asked
   std::deque<std::size_t> m_unanswered;  // indexes into m_batchResults, oldest first
   static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  std::size_t m_lostFirst = kNone;       // the request unanswered when the connection went
-  bool m_marked = false;       // this batch began with a RefreshStart mark
-  std::size_t m_marksDue = 0;  // marks posted and not yet answered
+  std::size_t m_lostFirst = kNone;  // the request unanswered when the connection went
+  bool m_marked = false;            // this batch began with a RefreshStart mark
+  std::size_t m_marksDue = 0;       // marks posted and not yet answered
   unsigned m_lastRefreshFailures = 0;
 };
 

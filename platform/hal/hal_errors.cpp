@@ -7,11 +7,16 @@ namespace halerr {
 
 char const* Name(int code) {
   switch (code) {
-    case kNotConnected: return "not connected";
-    case kTimeout: return "timeout";
-    case kProtocol: return "protocol error";
-    case kConnectionLost: return "connection lost";
-    default: return nullptr;
+    case kNotConnected:
+      return "not connected";
+    case kTimeout:
+      return "timeout";
+    case kProtocol:
+      return "protocol error";
+    case kConnectionLost:
+      return "connection lost";
+    default:
+      return nullptr;
   }
 }
 

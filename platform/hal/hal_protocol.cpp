@@ -10,15 +10,24 @@ namespace hal {
 namespace halop {
 char const* Name(std::uint16_t op) {
   switch (op) {
-    case kConfigureIPGateway: return "ConfigureIPGateway";
-    case kRemoveIPGateway: return "RemoveIPGateway";
-    case kConfigureIpDefaultGateway: return "ConfigureIpDefaultGateway";
-    case kRemoveIPDefaultGateway: return "RemoveIPDefaultGateway";
-    case kRefreshStart: return "RefreshStart";
-    case kRefreshEnd: return "RefreshEnd";
-    case kListRoutes: return "ListRoutes";
-    case kInjectFault: return "InjectFault";
-    default: return nullptr;
+    case kConfigureIPGateway:
+      return "ConfigureIPGateway";
+    case kRemoveIPGateway:
+      return "RemoveIPGateway";
+    case kConfigureIpDefaultGateway:
+      return "ConfigureIpDefaultGateway";
+    case kRemoveIPDefaultGateway:
+      return "RemoveIPDefaultGateway";
+    case kRefreshStart:
+      return "RefreshStart";
+    case kRefreshEnd:
+      return "RefreshEnd";
+    case kListRoutes:
+      return "ListRoutes";
+    case kInjectFault:
+      return "InjectFault";
+    default:
+      return nullptr;
   }
 }
 }  // namespace halop
@@ -287,9 +296,8 @@ std::string Describe(cHalRequest const& req) {
   switch (req.op) {
     case halop::kConfigureIPGateway:
       return s + " " + Printable(req.network) + "/" + Printable(req.netmask) + " via " +
-             Printable(req.gateway) + " dev " +
-             (req.ifname.empty() ? "-" : Printable(req.ifname)) + " src " +
-             Printable(req.source) + " metric " + std::to_string(req.metric) + avail;
+             Printable(req.gateway) + " dev " + (req.ifname.empty() ? "-" : Printable(req.ifname)) +
+             " src " + Printable(req.source) + " metric " + std::to_string(req.metric) + avail;
     case halop::kRemoveIPGateway:
       return s + " " + Printable(req.network) + "/" + Printable(req.netmask) + " via " +
              Printable(req.gateway) + avail;

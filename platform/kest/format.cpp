@@ -12,7 +12,8 @@ std::string FormatStringV(char const* fmt, va_list args) {
   int n = std::vsnprintf(small, sizeof small, fmt, copy);
   va_end(copy);
   if (n < 0) return std::string();
-  if (static_cast<std::size_t>(n) < sizeof small) return std::string(small, static_cast<std::size_t>(n));
+  if (static_cast<std::size_t>(n) < sizeof small)
+    return std::string(small, static_cast<std::size_t>(n));
   std::string out(static_cast<std::size_t>(n) + 1, '\0');
   va_copy(copy, args);
   std::vsnprintf(&out[0], out.size(), fmt, copy);

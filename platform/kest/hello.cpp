@@ -110,8 +110,8 @@ eGreeting JudgeGreeting(cFrame& answer, std::uint32_t helloId, cServiceId const&
   char const* ap = accessPoint.c_str();
   if (answer.op == kHelloOp && answer.kind == cFrame::kEvent) {
     if (!DecodeRefusal(answer.body, g, error)) {
-      why = FormatString("%s closed the connection with a malformed refusal: %s", ap,
-                         error.c_str());
+      why =
+          FormatString("%s closed the connection with a malformed refusal: %s", ap, error.c_str());
       return eGreeting::kBad;
     }
     why = g.service != wanted.name

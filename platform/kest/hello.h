@@ -22,8 +22,8 @@ constexpr std::size_t kMaxHelloText = 256;
 
 // Who a server is, or whom a client wants.
 struct cServiceId {
-  char const* name;     // on the wire: "routeMgr", "halProx", "dataMgr"
-  char const* title;    // for people: "the route manager"
+  char const* name;       // on the wire: "routeMgr", "halProx", "dataMgr"
+  char const* title;      // for people: "the route manager"
   std::uint16_t version;  // the one protocol version it speaks
 };
 

@@ -120,7 +120,8 @@ bool cEventLoop::ModifyFd(int fd, std::uint32_t events) {
   if (it == m_impl->watches.end()) return false;
   epoll_event ev{};
   ev.events = events;
-  ev.data.u64 = (static_cast<std::uint64_t>(it->second->gen) << 32) | static_cast<std::uint32_t>(fd);
+  ev.data.u64 =
+      (static_cast<std::uint64_t>(it->second->gen) << 32) | static_cast<std::uint32_t>(fd);
   if (epoll_ctl(m_impl->epfd, EPOLL_CTL_MOD, fd, &ev) != 0) {
     KEST_TRACE("kest", "002", "cannot modify watch of fd %d (errno:%d/%s)", fd, errno,
                std::strerror(errno));

@@ -13,7 +13,8 @@ namespace kest {
 
 class cEventLoop {
  public:
-  using FdCallback = std::function<void(std::uint32_t events)>;  // EPOLLIN/EPOLLOUT/EPOLLERR/EPOLLHUP
+  using FdCallback =
+      std::function<void(std::uint32_t events)>;  // EPOLLIN/EPOLLOUT/EPOLLERR/EPOLLHUP
   using TimerId = std::uint64_t;
 
   cEventLoop();

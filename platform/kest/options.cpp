@@ -31,8 +31,8 @@ int UsageError(char const* program, std::string const& what) {
   return Refuse(program, "%s", what.c_str());
 }
 
-int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker take,
-                     void* context, int& operand) {
+int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker take, void* context,
+                     int& operand) {
   // '+': stop at the first operand (a command's own words may look like
   // options); ':': a missing value is told apart from an unknown option.
   std::string shorts = "+:hV";

@@ -32,8 +32,8 @@ using OptionTaker = bool (*)(void* context, int key, std::string const& value, s
 // Walks argv[1..]. Returns -1 to go on (the operands are argv[operand..]);
 // otherwise the exit status, after printing: 0 for help or version, 2 for
 // an unknown option, a missing or refused value, or an unexpected operand.
-int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker take,
-                     void* context, int& operand);
+int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, OptionTaker take, void* context,
+                     int& operand);
 
 template <typename F>
 int ParseCommandLine(cCommandLine const& cl, int argc, char** argv, F&& take, int& operand) {

@@ -16,7 +16,6 @@
 namespace kest {
 namespace {
 
-
 std::string Trim(std::string const& s) {
   std::size_t b = s.find_first_not_of(" \t\r");
   if (b == std::string::npos) return std::string();
@@ -62,7 +61,8 @@ void cPropertyList::Set(std::string const& key, std::string const& value) { m_va
 bool cPropertyList::LoadFile(std::string const& path, std::string& error) {
   std::ifstream in(path);
   if (!in) {
-    error = FormatString("%s: cannot open (errno:%d/%s)", path.c_str(), errno, std::strerror(errno));
+    error =
+        FormatString("%s: cannot open (errno:%d/%s)", path.c_str(), errno, std::strerror(errno));
     return false;
   }
   // Parse everything first so a bad line leaves the list untouched.
@@ -75,7 +75,8 @@ bool cPropertyList::LoadFile(std::string const& path, std::string& error) {
     if (t.empty() || t[0] == '#') continue;
     std::string key, value;
     if (!SplitAssignment(t, key, value)) {
-      error = FormatString("%s:%ld: expected key=value, got \"%s\"", path.c_str(), number, t.c_str());
+      error =
+          FormatString("%s:%ld: expected key=value, got \"%s\"", path.c_str(), number, t.c_str());
       return false;
     }
     parsed.emplace_back(key, value);
@@ -137,7 +138,8 @@ bool kestInit(int argc, char** argv, std::string const& usage) {
 
   std::string sink = props.GetStringForKey("kest.trace", "stderr");
   if (!cTracepoint::SelectSink(sink, prog)) {
-    ExitUsage(prog, "unknown trace sink '" + sink + "' in property kest.trace (stderr, syslog, off)");
+    ExitUsage(prog,
+              "unknown trace sink '" + sink + "' in property kest.trace (stderr, syslog, off)");
   }
   if (props.Has("kest.trace.level")) {
     std::string level = props.GetStringForKey("kest.trace.level", "");

@@ -39,8 +39,8 @@ bool cScmService::Init(std::string const& name, unsigned int number) {
   }
   std::string path = sock;
   if ((path[0] != '/' && path[0] != '@') || path.size() >= sizeof(sockaddr_un{}.sun_path)) {
-    KEST_TRACE("kest", "002", "%s: unusable NOTIFY_SOCKET \"%s\", running standalone",
-               name.c_str(), path.c_str());
+    KEST_TRACE("kest", "002", "%s: unusable NOTIFY_SOCKET \"%s\", running standalone", name.c_str(),
+               path.c_str());
     return ok;
   }
   m_notifyFd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

@@ -4,9 +4,7 @@
 
 namespace kest {
 
-cSerializeBuffer::cSerializeBuffer(const void* data, std::size_t len) {
-  Write(data, len);
-}
+cSerializeBuffer::cSerializeBuffer(const void* data, std::size_t len) { Write(data, len); }
 
 void cSerializeBuffer::Write(const void* data, std::size_t len) {
   if (len == 0) return;
@@ -36,7 +34,8 @@ bool ReadLE(cSerializeBuffer& buf, T& v) {
   std::uint8_t b[sizeof(T)];
   if (!buf.Read(b, sizeof(T))) return false;
   T r = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i) r = static_cast<T>(r | (static_cast<T>(b[i]) << (8 * i)));
+  for (std::size_t i = 0; i < sizeof(T); ++i)
+    r = static_cast<T>(r | (static_cast<T>(b[i]) << (8 * i)));
   v = r;
   return true;
 }

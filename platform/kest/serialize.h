@@ -40,7 +40,10 @@ class cSerializeBuffer {
   std::size_t Remaining() const { return m_bytes.size() - m_cursor; }
   bool AtEnd() const { return m_cursor == m_bytes.size(); }
   void Rewind() { m_cursor = 0; }
-  void Clear() { m_bytes.clear(); m_cursor = 0; }
+  void Clear() {
+    m_bytes.clear();
+    m_cursor = 0;
+  }
   std::vector<std::uint8_t>& Bytes() { return m_bytes; }
   const std::vector<std::uint8_t>& Bytes() const { return m_bytes; }
 
@@ -98,14 +101,14 @@ class ISerialize : public IGarbageCollectable {
 }  // namespace kest
 
 // Every concrete serialisable class uses this once in its public section.
-#define KEST_GARBAGE_COLLECTABLE                                   \
-  void GARBAGE_COLLECTABLE_missing() override {}                  \
-  static void* operator new(std::size_t n) {                      \
-    void* p = ::operator new(n);                                   \
-    ::kest::GC::Add(p);                                            \
-    return p;                                                      \
-  }                                                                \
-  static void operator delete(void* p) {                          \
-    ::kest::GC::Remove(p);                                         \
-    ::operator delete(p);                                          \
+#define KEST_GARBAGE_COLLECTABLE                 \
+  void GARBAGE_COLLECTABLE_missing() override {} \
+  static void* operator new(std::size_t n) {     \
+    void* p = ::operator new(n);                 \
+    ::kest::GC::Add(p);                          \
+    return p;                                    \
+  }                                              \
+  static void operator delete(void* p) {         \
+    ::kest::GC::Remove(p);                       \
+    ::operator delete(p);                        \
   }

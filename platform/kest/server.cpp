@@ -1,8 +1,8 @@
 #include "kest/server.h"
 
 #include <grp.h>
-#include <pwd.h>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -92,8 +92,8 @@ bool TakeLimitOption(int key, std::string const& value, cServerLimits& limits, b
                          why);
 }
 
-bool TakeLimitOption(std::string const& name, std::string const& value, cServerLimits& l,
-                     bool& ok, bool& unixOnly, std::string& why) {
+bool TakeLimitOption(std::string const& name, std::string const& value, cServerLimits& l, bool& ok,
+                     bool& unixOnly, std::string& why) {
   ok = !value.empty();
   why = "empty";
   unixOnly = name != "--max-connections" && name != "--send-limit" && name != "--frame-timeout";
@@ -198,9 +198,10 @@ bool cServer::Listen(std::string const& accessPoint, std::string& error) {
   }
   bool isUnix = m_ap.kind == cAccessPoint::kUnix;
   if (!isUnix && !(m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
-    error = FormatString("cannot listen on %s: peer allow-lists need a Unix socket (TCP peers "
-                         "have no credentials)",
-                         accessPoint.c_str());
+    error = FormatString(
+        "cannot listen on %s: peer allow-lists need a Unix socket (TCP peers "
+        "have no credentials)",
+        accessPoint.c_str());
     KEST_TRACE(m_module, kTransportError, "%s", error.c_str());
     return false;
   }
@@ -215,8 +216,7 @@ bool cServer::Listen(std::string const& accessPoint, std::string& error) {
   m_unixPath = isUnix ? m_ap.path : std::string();
   Loop().WatchFd(fd, EPOLLIN, [this](std::uint32_t) { Accept(); });
   if (isUnix || m_ap.IsLoopback()) {
-    KEST_TRACE(m_module, kTransportInfo, "listening on %s (%s)", Where().c_str(),
-               Bounds().c_str());
+    KEST_TRACE(m_module, kTransportInfo, "listening on %s (%s)", Where().c_str(), Bounds().c_str());
   } else {
     KEST_TRACE(m_module, kTransportInfo,
                "listening on %s, which is not a loopback address: other hosts can connect (%s)",
@@ -384,9 +384,9 @@ std::string cServer::Admit(int fd, bool& hasUid, unsigned& uid) {
   }
   hasUid = true;
   uid = static_cast<unsigned>(cred.uid);
-  bool const listed = m_limits.allowUids.count(cred.uid) ||
-                      cChannel::PeerInGroups(fd, static_cast<unsigned>(cred.gid),
-                                             m_limits.allowGids);
+  bool const listed =
+      m_limits.allowUids.count(cred.uid) ||
+      cChannel::PeerInGroups(fd, static_cast<unsigned>(cred.gid), m_limits.allowGids);
   if (!listed && !(m_limits.allowUids.empty() && m_limits.allowGids.empty())) {
     return FormatString("uid %u gid %u not allowed", uid, static_cast<unsigned>(cred.gid));
   }
@@ -433,8 +433,8 @@ void cServer::ArmStall(cConn& conn, char const* what) {
     auto it = m_channels.find(channel);
     if (it == m_channels.end()) return;
     it->second.stall = 0;
-    Refuse(channel, FormatString("%s did not arrive within %zu ms", due.c_str(),
-                                 m_limits.frameTimeoutMs));
+    Refuse(channel,
+           FormatString("%s did not arrive within %zu ms", due.c_str(), m_limits.frameTimeoutMs));
   });
 }
 

@@ -57,8 +57,7 @@ constexpr std::size_t kMinSendLimit = kMaxFrame + 4;
 bool ParseSocketMode(std::string const& text, unsigned& mode, std::string& error);
 // "0,daemon,1000": user (groups: group) names or numbers, added to ids;
 // "" adds nothing.
-bool ParseIdList(std::string const& text, bool groups, std::set<unsigned>& ids,
-                 std::string& error);
+bool ParseIdList(std::string const& text, bool groups, std::set<unsigned>& ids, std::string& error);
 // A decimal count of at least min.
 bool ParseCount(std::string const& text, std::size_t min, std::size_t& out, std::string& error);
 
@@ -104,7 +103,7 @@ class cServer : private IChannelHandler {
   void OnFramesDone(cChannel* channel) override;
   struct cConn {
     std::unique_ptr<cChannel> channel;
-    bool greeted = false;  // hello accepted, handler told
+    bool greeted = false;   // hello accepted, handler told
     bool progress = false;  // a frame completed during the current read
     bool hasUid = false;
     unsigned uid = 0;
@@ -123,7 +122,7 @@ class cServer : private IChannelHandler {
   bool PrepareUnixPath(std::string const& path, std::string& why);
   bool SetUnixAccess(std::string const& path, std::string& why);
   void PauseAccepting();
-  std::string Where() const;  // the access point with the real port
+  std::string Where() const;   // the access point with the real port
   std::string Bounds() const;  // the limits in force, for the listen trace
 
   IServerHandler* m_handler;

@@ -18,7 +18,9 @@ void cService::DeInit() {}
 
 void cService::OnMsg(cMsg& msg) { cMessageSink::ProcessMsg(msg); }
 
-std::string cService::ToString() const { return FormatString("cService %s (%u)", Name().c_str(), m_number); }
+std::string cService::ToString() const {
+  return FormatString("cService %s (%u)", Name().c_str(), m_number);
+}
 
 void cService::ProcessMsg(cMsg& msg) { OnMsg(msg); }
 

@@ -60,9 +60,9 @@ class cScmService : public cService {
 
   void ProcessMsg(cMsg& msg) override;
 
-  bool SetServiceStatusRunning();  // READY=1 + STATUS=
-  bool SetServiceAlive();          // WATCHDOG=1
-  bool SetServiceStatusStopping(); // STOPPING=1
+  bool SetServiceStatusRunning();   // READY=1 + STATUS=
+  bool SetServiceAlive();           // WATCHDOG=1
+  bool SetServiceStatusStopping();  // STOPPING=1
   bool ScmAttached() const { return m_notifyFd >= 0; }
   // What the service is doing, in a few words, for the operator: asked for
   // once a second from the start of the loop; each new text goes to the

@@ -219,7 +219,8 @@ void cServiceClient::OnChannelClosed(cChannel* channel, std::string const& reaso
     return;
   }
   m_greeted = false;
-  if (static_cast<std::int64_t>(Loop().NowMs()) - m_greetedMs >= kStableMs) m_backoffMs = kBackoffFirstMs;
+  if (static_cast<std::int64_t>(Loop().NowMs()) - m_greetedMs >= kStableMs)
+    m_backoffMs = kBackoffFirstMs;
   if (m_started) {
     KEST_TRACE(kTransportModule, kTransportError,
                "connection to %s lost (%s); reconnecting in %u ms", m_accessPoint.c_str(),

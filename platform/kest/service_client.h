@@ -123,11 +123,11 @@ class cServiceClient : private IChannelHandler {
   std::unique_ptr<cChannel> m_channel;
   cServiceId m_wanted;
   unsigned m_backoffMs = kBackoffFirstMs;
-  std::int64_t m_nextTryMs = 0;    // no connection attempt before this
-  std::int64_t m_greetedMs = 0;    // when the current connection was accepted
-  bool m_greeted = false;          // the current connection's hello was accepted
+  std::int64_t m_nextTryMs = 0;  // no connection attempt before this
+  std::int64_t m_greetedMs = 0;  // when the current connection was accepted
+  bool m_greeted = false;        // the current connection's hello was accepted
   std::uint32_t m_helloId = 0;
-  std::string m_closeReason;       // what the server said before it closed
+  std::string m_closeReason;  // what the server said before it closed
   cEventLoop::TimerId m_retryTimer = 0;
   cEventLoop::TimerId m_helloTimer = 0;
   std::uint32_t m_nextId = 1;
@@ -138,7 +138,7 @@ class cServiceClient : private IChannelHandler {
   bool m_gotReply = false;
   cSerializeBuffer* m_reply = nullptr;
   std::deque<std::uint32_t> m_posted;  // ids of posted requests not yet answered
-  std::uint16_t m_lastPostedOp = 0;     // names a batch in traces
+  std::uint16_t m_lastPostedOp = 0;    // names a batch in traces
   std::deque<cFrame> m_events;
   bool m_drainPosted = false;
   std::shared_ptr<bool> m_life = std::make_shared<bool>(true);

@@ -23,7 +23,11 @@ long LevelNumber(std::string const& level) { return std::strtol(level.c_str(), n
 // the table.
 int Priority(std::string const& level) {
   long n = LevelNumber(level);
-  return n <= 1 ? LOG_ERR : n == 2 ? LOG_WARNING : n <= 4 ? LOG_NOTICE : n == 5 ? LOG_INFO : LOG_DEBUG;
+  return n <= 1   ? LOG_ERR
+         : n == 2 ? LOG_WARNING
+         : n <= 4 ? LOG_NOTICE
+         : n == 5 ? LOG_INFO
+                  : LOG_DEBUG;
 }
 
 // systemd names the journal stream it connects to standard error in
@@ -103,9 +107,9 @@ class cSyslogSink : public ITraceSink {
     std::time_t now = std::time(nullptr);
     std::tm tm;
     if (localtime_r(&now, &tm) != nullptr) std::strftime(stamp, sizeof stamp, "%b %e %T", &tm);
-    std::string line = "<" + std::to_string(LOG_DAEMON | prio) + ">" + stamp + " " + m_ident +
-                       "[" + std::to_string(getpid()) + "]: " + rec.module + " " + rec.level +
-                       " " + rec.file + ":" + std::to_string(rec.line) + " " + rec.message;
+    std::string line = "<" + std::to_string(LOG_DAEMON | prio) + ">" + stamp + " " + m_ident + "[" +
+                       std::to_string(getpid()) + "]: " + rec.module + " " + rec.level + " " +
+                       rec.file + ":" + std::to_string(rec.line) + " " + rec.message;
     // A daemon restarted since the last line wants a new connection.
     for (int attempt = 0; attempt < 2; ++attempt) {
       if (m_fd < 0 && !Connect()) return;

@@ -60,8 +60,8 @@ class cTraceCapture : public ITraceSink {
 // Trace helper for the framework and tools: module, level and message, with
 // the call site filled in.
 #define KEST_TRACE(module, level, ...)                                                       \
-  do {                                                                                     \
-    if (::kest::cTracepoint::Enabled(level))                                               \
+  do {                                                                                       \
+    if (::kest::cTracepoint::Enabled(level))                                                 \
       ::kest::cTracepoint::Call((module), (level), 0, ::kest::FormatString(__VA_ARGS__), "", \
-                                __FILE__, __LINE__);                                       \
+                                __FILE__, __LINE__);                                         \
   } while (0)

@@ -26,8 +26,8 @@ class s_string : public ISerialize {
   bool Serialize(cSerializeBuffer& buf) const override;
   bool Deserialize(cSerializeBuffer& buf) override;
   std::string ToString(std::string const& format) const override;
-  using ISerialize::Serialize;
   using ISerialize::Deserialize;
+  using ISerialize::Serialize;
 
   const std::string& Get() const { return m_value; }
   void Set(std::string v) { m_value = std::move(v); }
@@ -59,8 +59,8 @@ class s_socket_addr : public ISerialize {
   bool Serialize(cSerializeBuffer& buf) const override;  // version, u32 ip LE, u16 port LE
   bool Deserialize(cSerializeBuffer& buf) override;
   std::string ToString(std::string const& format) const override;  // "a.b.c.d:port"
-  using ISerialize::Serialize;
   using ISerialize::Deserialize;
+  using ISerialize::Serialize;
 
   bool operator<(const s_socket_addr& o) const {
     return m_ip != o.m_ip ? m_ip < o.m_ip : m_port < o.m_port;

@@ -166,7 +166,8 @@ std::int32_t cRouteClient::Post(routeCommand const& cmd) {
   }
   kest::EncodeFrame(frame, m_out);
   m_pending.push_back(frame.id);
-  if (m_out.size() - m_outPos > kFlushThreshold) Pump(eWant::kWritten);  // failures surface in Collect
+  if (m_out.size() - m_outPos > kFlushThreshold)
+    Pump(eWant::kWritten);  // failures surface in Collect
   return 0;
 }
 
@@ -175,8 +176,7 @@ routeResult cRouteClient::Collect() {
   if (m_answers.empty()) {
     if (m_fd < 0) {
       m_pending.pop_front();
-      return Fail(routeerr::kConnectionLost,
-                  m_lastError.empty() ? "connection lost" : m_lastError);
+      return Fail(routeerr::kConnectionLost, m_lastError.empty() ? "connection lost" : m_lastError);
     }
     std::int32_t rc = Pump(eWant::kAnswer);
     if (m_answers.empty()) {

@@ -49,8 +49,7 @@ class cRouteClient {
   routeResult DelGateway(std::string const& tag);
   routeResult SetRoute(kest::s_socket_addr const& network, kest::s_socket_addr const& netmask,
                        kest::s_socket_addr const& gateway, kest::s_socket_addr const& source,
-                       std::string const& ifname, std::string const& tag,
-                       std::uint32_t priority);
+                       std::string const& ifname, std::string const& tag, std::uint32_t priority);
   routeResult DelRoute(std::string const& tag);
   routeResult Call(routeCommand const& cmd);
 

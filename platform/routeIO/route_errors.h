@@ -10,12 +10,12 @@
 namespace routeIO {
 namespace routeerr {
 
-constexpr std::int32_t kNotConnected = -2001;   // no connection (never made, or closed)
-constexpr std::int32_t kTimeout = -2002;        // no answer within the client's timeout
-constexpr std::int32_t kConnectionLost = -2003; // the connection broke before the answer
-constexpr std::int32_t kProtocol = -2004;       // the answer could not be understood
-constexpr std::int32_t kBadRequest = -2005;     // the request cannot be encoded (string too long)
-constexpr std::int32_t kBusy = -2006;           // a single call while posted answers are uncollected
+constexpr std::int32_t kNotConnected = -2001;    // no connection (never made, or closed)
+constexpr std::int32_t kTimeout = -2002;         // no answer within the client's timeout
+constexpr std::int32_t kConnectionLost = -2003;  // the connection broke before the answer
+constexpr std::int32_t kProtocol = -2004;        // the answer could not be understood
+constexpr std::int32_t kBadRequest = -2005;      // the request cannot be encoded (string too long)
+constexpr std::int32_t kBusy = -2006;  // a single call while posted answers are uncollected
 constexpr std::int32_t kNothingPosted = -2007;  // Collect with no request outstanding
 
 // "not connected", ...; nullptr for any other code.

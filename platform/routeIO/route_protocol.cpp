@@ -5,11 +5,16 @@ namespace routeIO {
 namespace routeop {
 char const* Name(std::uint16_t op) {
   switch (op) {
-    case kSetGateway: return "SetGateway";
-    case kSetRoute: return "SetRoute";
-    case kDelGateway: return "DelGateway";
-    case kDelRoute: return "DelRoute";
-    default: return nullptr;
+    case kSetGateway:
+      return "SetGateway";
+    case kSetRoute:
+      return "SetRoute";
+    case kDelGateway:
+      return "DelGateway";
+    case kDelRoute:
+      return "DelRoute";
+    default:
+      return nullptr;
   }
 }
 }  // namespace routeop
@@ -65,8 +70,7 @@ bool CheckBody(bool read, std::uint16_t op, kest::cSerializeBuffer& body, std::s
     return false;
   }
   if (!body.AtEnd()) {
-    error = std::to_string(body.Remaining()) + " stray bytes after " + routeop::Name(op) +
-            " body";
+    error = std::to_string(body.Remaining()) + " stray bytes after " + routeop::Name(op) + " body";
     return false;
   }
   return true;
@@ -101,10 +105,14 @@ bool EncodeCommand(routeCommand const& cmd, kest::cSerializeBuffer& body) {
 bool DecodeCommand(std::uint16_t op, kest::cSerializeBuffer& body, routeCommand& out,
                    std::string& error) {
   switch (op) {
-    case routeop::kSetGateway: return DecodeAs<cSetGatewayCmd>(op, body, out, error);
-    case routeop::kSetRoute: return DecodeAs<cSetRouteCmd>(op, body, out, error);
-    case routeop::kDelGateway: return DecodeAs<cDelGatewayCmd>(op, body, out, error);
-    case routeop::kDelRoute: return DecodeAs<cDelRouteCmd>(op, body, out, error);
+    case routeop::kSetGateway:
+      return DecodeAs<cSetGatewayCmd>(op, body, out, error);
+    case routeop::kSetRoute:
+      return DecodeAs<cSetRouteCmd>(op, body, out, error);
+    case routeop::kDelGateway:
+      return DecodeAs<cDelGatewayCmd>(op, body, out, error);
+    case routeop::kDelRoute:
+      return DecodeAs<cDelRouteCmd>(op, body, out, error);
     default:
       error = "unknown op " + std::to_string(op);
       return false;

@@ -37,10 +37,10 @@ struct cCallbackCall {
 bool ReadLimits(kest::cServerLimits& l, std::string& error) {
   using S = cRouteServer;
   static std::pair<char const*, char const*> const kProperties[] = {
-      {S::kSocketModeProperty, "--socket-mode"},   {S::kSocketGroupProperty, "--socket-group"},
-      {S::kAllowUidsProperty, "--allow-uid"},      {S::kAllowGidsProperty, "--allow-gid"},
+      {S::kSocketModeProperty, "--socket-mode"},     {S::kSocketGroupProperty, "--socket-group"},
+      {S::kAllowUidsProperty, "--allow-uid"},        {S::kAllowGidsProperty, "--allow-gid"},
       {S::kMaxClientsProperty, "--max-connections"}, {S::kMaxPerUidProperty, "--max-per-uid"},
-      {S::kSendLimitProperty, "--send-limit"},     {S::kFrameTimeoutProperty, "--frame-timeout"},
+      {S::kSendLimitProperty, "--send-limit"},       {S::kFrameTimeoutProperty, "--frame-timeout"},
   };
   for (auto const& [key, option] : kProperties) {
     std::string const text = kest::kestProperties().GetStringForKey(key, "");

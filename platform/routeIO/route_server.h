@@ -49,12 +49,12 @@ class cRouteServer : private kest::IServerHandler {
   // socket only; an allow-list on a TCP access point keeps it closed.
   static constexpr char const* kSocketModeProperty = "system.routeMgrSocketMode";    // octal
   static constexpr char const* kSocketGroupProperty = "system.routeMgrSocketGroup";  // name or gid
-  static constexpr char const* kAllowUidsProperty = "system.routeMgrAllowUids";  // "0,daemon"
-  static constexpr char const* kAllowGidsProperty = "system.routeMgrAllowGids";  // "netdev,7"
+  static constexpr char const* kAllowUidsProperty = "system.routeMgrAllowUids";      // "0,daemon"
+  static constexpr char const* kAllowGidsProperty = "system.routeMgrAllowGids";      // "netdev,7"
   static constexpr char const* kMaxClientsProperty = "system.routeMgrMaxClients";
   static constexpr char const* kMaxPerUidProperty = "system.routeMgrMaxPerUid";
   static constexpr char const* kFrameTimeoutProperty = "system.routeMgrFrameTimeout";  // ms
-  static constexpr char const* kSendLimitProperty = "system.routeMgrSendLimit";  // bytes
+  static constexpr char const* kSendLimitProperty = "system.routeMgrSendLimit";        // bytes
 
   // Listens on the property "system.routeMgrSap" (default "127.0.0.1:3712")
   // once ready; clients are accepted only after SetReady().

@@ -1,9 +1,9 @@
 // Custom routes live as long as the connection of the client that set them.
+#include <utility>
+
 #include "core/rm_trace.h"
 #include "core/route_mgr_service.h"
 #include "kest/channel.h"
-
-#include <utility>
 
 void cRouteMgrService::OnClientConnected(routeIO::cRouteServer*, kest::cChannel* client) {
   RM_TRACE("Route Client Connected:" + client->PeerInfo().ToString(""));

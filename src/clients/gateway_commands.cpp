@@ -5,9 +5,8 @@
 #include "core/route_mgr_service.h"
 
 routeIO::routeResult cRouteMgrService::SetGateway(kest::s_socket_addr const& address,
-                                                  std::string const& tag,
-                                                  std::string const& ifname, std::uint32_t type,
-                                                  std::uint32_t priority) {
+                                                  std::string const& tag, std::string const& ifname,
+                                                  std::uint32_t type, std::uint32_t priority) {
   RM_TRACEF("Recieved SetGateway (IP:%s, Tag:%s, IF:%s, Type:%d, Prio:%d)",
             address.GetIPString().c_str(), tag.c_str(), ifname.c_str(), static_cast<int>(type),
             static_cast<int>(priority));

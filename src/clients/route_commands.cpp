@@ -1,8 +1,8 @@
 // Custom routes: set and deleted by route clients under tags of their own.
+#include <utility>
+
 #include "core/rm_trace.h"
 #include "core/route_mgr_service.h"
-
-#include <utility>
 
 namespace {
 // Answer to DelRoute of a tag that no client has set.
@@ -32,8 +32,8 @@ routeIO::routeResult cRouteMgrService::SetRoute(
   if (old != m_Routes.end()) {
     // The old route may differ in prefix or gateway: remove it as it was
     // installed, or the kernel keeps both.
-    int rc = HalDelRoute(old->second.m_network, old->second.m_netmask, old->second.m_gatewayIP,
-                         true);
+    int rc =
+        HalDelRoute(old->second.m_network, old->second.m_netmask, old->second.m_gatewayIP, true);
     if (rc != 0) {
       RM_TRACEF("Error Deleting existing Route after SetRoute Cmd (rc:%d)", rc);
     }

@@ -13,10 +13,10 @@ constexpr char const* kTraceSource = "routemgr";
 
 // The text is only built when the trace goes somewhere (traces off: a
 // command costs no formatting).
-#define RM_TRACE(text)                                                                      \
-  do {                                                                                    \
-    if (::kest::cTracepoint::Enabled(::routemgr::kTraceLevel))                            \
-      ::kest::cTracepoint::Call(::routemgr::kTraceModule, ::routemgr::kTraceLevel, 0, (text), \
-                                "", ::routemgr::kTraceSource, __LINE__);                  \
+#define RM_TRACE(text)                                                                            \
+  do {                                                                                            \
+    if (::kest::cTracepoint::Enabled(::routemgr::kTraceLevel))                                    \
+      ::kest::cTracepoint::Call(::routemgr::kTraceModule, ::routemgr::kTraceLevel, 0, (text), "", \
+                                ::routemgr::kTraceSource, __LINE__);                              \
   } while (0)
 #define RM_TRACEF(...) RM_TRACE(::kest::FormatString(__VA_ARGS__))

@@ -19,6 +19,5 @@ std::string StatusText(cRouteMgrService& service) {
     return "route service not listening: " + (why.empty() ? std::string("starting") : why);
   }
   return kest::FormatString("serving route clients; connected %zu, custom routes %zu, gateways %zu",
-                            server.Clients(), service.Routes().size(),
-                            service.Gateways().size());
+                            server.Clients(), service.Routes().size(), service.Gateways().size());
 }

@@ -43,9 +43,9 @@ std::string cRouteMgrService::ToString(char const* prefix) const {
                             ClientState(m_dataClient), m_dataClient.AccessPoint().c_str());
   out += kest::FormatString("%s- m_halClient:            %s (%s)\n", prefix,
                             ClientState(m_halClient), m_halClient.AccessPoint().c_str());
-  out += kest::FormatString("%s- m_networkStatus:        %s (%s)\n", prefix,
-                            CollectionState(m_networkStatus),
-                            CollectionDir(m_networkStatus).c_str());
+  out +=
+      kest::FormatString("%s- m_networkStatus:        %s (%s)\n", prefix,
+                         CollectionState(m_networkStatus), CollectionDir(m_networkStatus).c_str());
   out += kest::FormatString("%s- m_StatusReceived:       %s\n", prefix, Flag(m_StatusReceived));
   out += kest::FormatString("%s- m_RoutingCollection:    %s (%s)\n", prefix,
                             CollectionState(m_RoutingCollection),
@@ -56,8 +56,8 @@ std::string cRouteMgrService::ToString(char const* prefix) const {
   for (auto const& [tag, gw] : m_Gateways) {
     out += gw.ToString(indent.c_str());
   }
-  out += kest::FormatString("%s- m_Routes:               %s\n", prefix,
-                            Size(m_Routes.size()).c_str());
+  out +=
+      kest::FormatString("%s- m_Routes:               %s\n", prefix, Size(m_Routes.size()).c_str());
   for (auto const& [tag, route] : m_Routes) {
     out += route.ToString(indent.c_str());
   }

@@ -35,8 +35,8 @@ std::string cRouteEntry::ToString(char const* prefix) const {
   std::string out;
   out += kest::FormatString("%s- cRouteEntry:\n", prefix);
   out += kest::FormatString("%s- Route Tag:           %s\n", in, m_routeTag.c_str());
-  out += kest::FormatString("%s- Network:             %s/%s\n", in,
-                            m_network.GetIPString().c_str(), m_netmask.GetIPString().c_str());
+  out += kest::FormatString("%s- Network:             %s/%s\n", in, m_network.GetIPString().c_str(),
+                            m_netmask.GetIPString().c_str());
   out += kest::FormatString("%s- m_gatewayIP:         %s\n", in, m_gatewayIP.GetIPString().c_str());
   out += kest::FormatString("%s- m_preferredSourceIP: %s\n", in,
                             m_preferredSourceIP.GetIPString().c_str());

@@ -23,10 +23,11 @@ void cRouteMgrService::SetRoutesByGw(bool _bNewVal, bool _bDelRoutes) {
   auto const& other =
       _bNewVal ? m_RoutingCollection->RoutesInForce() : m_RoutingCollection->RoutesReceived();
   if (!m_refreshing) {
-    RM_TRACEF("SetRoutesByGw (_bNewVal:%s, _bDelRoutes:%s, bWiredAvail:%s, bWirelessAvail:%s, "
-              "bVPNAvail:%s)",
-              BoolText(_bNewVal), BoolText(_bDelRoutes), BoolText(gw.wired.avail),
-              BoolText(gw.wireless.avail), BoolText(gw.vpn.avail));
+    RM_TRACEF(
+        "SetRoutesByGw (_bNewVal:%s, _bDelRoutes:%s, bWiredAvail:%s, bWirelessAvail:%s, "
+        "bVPNAvail:%s)",
+        BoolText(_bNewVal), BoolText(_bDelRoutes), BoolText(gw.wired.avail),
+        BoolText(gw.wireless.avail), BoolText(gw.vpn.avail));
     RM_TRACEF("(try) %s %d routes (OtherMapSize:%d)", _bDelRoutes ? "deleting" : "setting",
               static_cast<int>(walked.size()), static_cast<int>(other.size()));
   }

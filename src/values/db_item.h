@@ -18,8 +18,8 @@ class cDBItem : public kest::ISerialize {
 
   int Version() const override { return 1; }
   std::string TypeName() const override { return "cDBItem"; }
-  using kest::ISerialize::Serialize;
   using kest::ISerialize::Deserialize;
+  using kest::ISerialize::Serialize;
 
   // Record-specific: identity of the item in the store.
   virtual std::string const& GetName() const;

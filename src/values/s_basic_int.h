@@ -23,8 +23,8 @@ class s_basic_int : public ISerialize {
 
   int Version() const override { return 1; }
   std::string TypeName() const override { return "s_basic_int"; }
-  using ISerialize::Serialize;
   using ISerialize::Deserialize;
+  using ISerialize::Serialize;
 
   bool Serialize(cSerializeBuffer& buf) const override {
     SerializeVersion(buf);
@@ -44,7 +44,8 @@ class s_basic_int : public ISerialize {
     std::uint8_t bytes[sizeof(T)];
     if (!buf.Read(bytes, sizeof(T))) return false;
     std::uint64_t u = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) u |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
+    for (std::size_t i = 0; i < sizeof(T); ++i)
+      u |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
     m_value = static_cast<T>(static_cast<std::make_unsigned_t<T>>(u));
     return true;
   }
@@ -93,13 +94,13 @@ class s_basic_int : public ISerialize {
   T m_value = 0;
 };
 
-#define KEST_NAMED_INT(NAME, TYPE)                                        \
-  class NAME : public s_basic_int<TYPE> {                                 \
-   public:                                                                \
-    KEST_GARBAGE_COLLECTABLE                                              \
-    using s_basic_int<TYPE>::s_basic_int;                                 \
-    int Version() const override { return 1; }                            \
-    std::string TypeName() const override { return #NAME; }               \
+#define KEST_NAMED_INT(NAME, TYPE)                          \
+  class NAME : public s_basic_int<TYPE> {                   \
+   public:                                                  \
+    KEST_GARBAGE_COLLECTABLE                                \
+    using s_basic_int<TYPE>::s_basic_int;                   \
+    int Version() const override { return 1; }              \
+    std::string TypeName() const override { return #NAME; } \
   };
 
 KEST_NAMED_INT(s_int8, std::int8_t)

@@ -16,8 +16,8 @@ class s_bool : public ISerialize {
 
   int Version() const override { return 1; }
   std::string TypeName() const override { return "s_bool"; }
-  using ISerialize::Serialize;
   using ISerialize::Deserialize;
+  using ISerialize::Serialize;
   bool Serialize(cSerializeBuffer& buf) const override;
   // Keeps the byte as received: any non-zero byte reads as true.
   bool Deserialize(cSerializeBuffer& buf) override;

@@ -140,7 +140,7 @@ TEST_F(DataClientTest, SyncsGarbageDumpRequestsAndDeregistrationAnywhere) {
   onSync = [&](cDataClient* c, cDBCollection* reported) {
     EXPECT_TRUE(c->DeregisterCollection(reported));
     EXPECT_FALSE(c->DeregisterCollection(reported));  // once only
-    EXPECT_EQ(reported->GetDir(), kDsl);               // still alive until OnSync returns
+    EXPECT_EQ(reported->GetDir(), kDsl);              // still alive until OnSync returns
     EXPECT_TRUE(c->RegisterCollection(lte = new cDBWanRoutingCollection("lte")));
   };
   Sync(kDsl, 0, {Route("office", 3)});
@@ -160,9 +160,9 @@ TEST_F(DataClientTest, SyncsGarbageDumpRequestsAndDeregistrationAnywhere) {
   ASSERT_TRUE(Logged(seen, kStatus + " setup dsl"));
   std::string all;
   for (auto const& m : traces.Messages()) all += m + "\n";
-  for (char const* text : {"dropped sync message", "dropped message with unknown op 99",
-                           "dropped record /Status/Network/LanStatus",
-                           "dropped record /Status/Network/Printer"})
+  for (char const* text :
+       {"dropped sync message", "dropped message with unknown op 99",
+        "dropped record /Status/Network/LanStatus", "dropped record /Status/Network/Printer"})
     EXPECT_NE(all.find(text), std::string::npos) << text << " in\n" << all;
 
   Send(proto::kOpDumpRequest, proto::cDumpRequest{"/var/tmp"});

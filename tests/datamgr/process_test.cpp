@@ -1,10 +1,11 @@
 // The real datamgr as a child process: a data client subscribed to it,
 // datactl run as users do, signals, and its listener's options.
+#include "support/process.h"
+
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -15,7 +16,6 @@
 #include "kest/format.h"
 #include "kest/loop.h"
 #include "kest/service.h"
-#include "support/process.h"
 
 namespace datamgr {
 namespace {
@@ -116,14 +116,14 @@ TEST_F(DatamgrProcess, ServesTheExampleFollowsDatactlReloadsOnSighupAndEndsOnSig
 }
 
 TEST(DatamgrAccess, ModeBoundsAndAllowLists) {
-  if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
-    GTEST_SKIP() << why;
+  if (std::string const why = testsupport::CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
   cDatamgr dm;
   ASSERT_TRUE(dm.Start({"--socket-mode", "0640", "--max-connections=1", "--send-limit", "65540"}))
       << dm.Log();
   struct stat st {};
   EXPECT_EQ(stat(dm.Path().c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
-  EXPECT_TRUE(dm.Logged("listening on " + dm.Sap() + " (mode 0640, any user the mode lets in; at "
+  EXPECT_TRUE(dm.Logged("listening on " + dm.Sap() +
+                        " (mode 0640, any user the mode lets in; at "
                         "most 1 connections, 16 per user, send limit 65540 bytes, 10000 ms to "
                         "finish a hello or frame)"))
       << dm.Log();

@@ -16,31 +16,56 @@ kest::s_socket_addr Ip(const char* text) { return kest::s_socket_addr(text, 0); 
 
 leaseEntry Lease(const char* host) {
   leaseEntry e;
-  e.m_hostName.Set(host); e.m_leaseState.Set(2); e.m_macAddress.Set("00:11:22:33:44:55");
+  e.m_hostName.Set(host);
+  e.m_leaseState.Set(2);
+  e.m_macAddress.Set("00:11:22:33:44:55");
   return e;
 }
 
 // Every record filled with values that differ from its defaults, in members of every kind.
 void Fill(cDBStatusConnection& r) {
-  r.m_online.Set(true); r.m_activeWan.Set(2); r.m_onlineSeconds.Set(99999);
+  r.m_online.Set(true);
+  r.m_activeWan.Set(2);
+  r.m_onlineSeconds.Set(99999);
 }
-void Fill(cDBStatusWan& r) { r.m_wanState.Set(3); r.m_wanSetupName.Set("home"); }
+void Fill(cDBStatusWan& r) {
+  r.m_wanState.Set(3);
+  r.m_wanSetupName.Set("home");
+}
 void Fill(cDBStatusWiredWan& r) {
-  r.m_linkState.Set(1); r.m_cablePlugged.Set(true); r.m_dhcpEnabled.Set(false);
-  r.m_interfaceName.Set("eth1"); r.m_ipAddress = Ip("192.168.1.2"); r.m_dns2 = Ip("8.8.4.4");
-  r.m_dhcpServer = Ip("192.168.1.1"); r.m_mtu.Set(1492); r.m_searchDomains = {"b.lan", "a.lan"};
-  r.m_rxBytes.Set(1ull << 40); r.m_addressSource.Set(7);
-  r.m_leases[Ip("10.0.0.9")] = Lease("nine"); r.m_leases[Ip("10.0.0.2")] = Lease("two");
+  r.m_linkState.Set(1);
+  r.m_cablePlugged.Set(true);
+  r.m_dhcpEnabled.Set(false);
+  r.m_interfaceName.Set("eth1");
+  r.m_ipAddress = Ip("192.168.1.2");
+  r.m_dns2 = Ip("8.8.4.4");
+  r.m_dhcpServer = Ip("192.168.1.1");
+  r.m_mtu.Set(1492);
+  r.m_searchDomains = {"b.lan", "a.lan"};
+  r.m_rxBytes.Set(1ull << 40);
+  r.m_addressSource.Set(7);
+  r.m_leases[Ip("10.0.0.9")] = Lease("nine");
+  r.m_leases[Ip("10.0.0.2")] = Lease("two");
 }
 void Fill(cDBStatusWirelessWan& r) {
-  r.m_roaming.Set(true); r.m_signalStrength.Set(-71); r.m_signalToNoise.Set(12);
-  r.m_iccid.Set("8949"); r.m_dns = Ip("1.1.1.1"); r.m_apn.Set("internet");
-  r.m_txBytes.Set(5); r.m_modemFirmware.Set("fw 2"); r.m_registrationState.Set(5);
+  r.m_roaming.Set(true);
+  r.m_signalStrength.Set(-71);
+  r.m_signalToNoise.Set(12);
+  r.m_iccid.Set("8949");
+  r.m_dns = Ip("1.1.1.1");
+  r.m_apn.Set("internet");
+  r.m_txBytes.Set(5);
+  r.m_modemFirmware.Set("fw 2");
+  r.m_registrationState.Set(5);
   r.m_lastError.Set("none");
 }
 void Fill(cDBStatusLan& r) {
-  r.m_linkUp.Set(true); r.m_interfaces = {"lan1", "lan2"}; r.m_netmask = Ip("255.255.255.0");
-  r.m_hostName.Set("router"); r.m_leaseCount.Set(1); r.m_leases[Ip("192.168.0.5")] = Lease("pc");
+  r.m_linkUp.Set(true);
+  r.m_interfaces = {"lan1", "lan2"};
+  r.m_netmask = Ip("255.255.255.0");
+  r.m_hostName.Set("router");
+  r.m_leaseCount.Set(1);
+  r.m_leases[Ip("192.168.0.5")] = Lease("pc");
 }
 void Fill(cDBConfigWanRoute& r) {
   r = cDBConfigWanRoute("r1", "/d/", Ip("10.10.0.0"), Ip("255.255.0.0"), Ip("1.2.3.4"), 4, "x");
@@ -86,11 +111,15 @@ TYPED_TEST(RecordTest, DefaultsInTextAndOnTheWire) {
   static const std::map<std::string, std::pair<std::string, std::size_t>> want = {
       {"ConnectionStatus", {"{false, 0, 0}", 10}},
       {"WanStatus", {"{0, \"\"}", 8}},
-      {"WiredWanStatus", {"{0, false, true, \"\", 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, "
-                          "0.0.0.0:0, 0.0.0.0:0, 1500, 0, {}, 0, 0, 0, 0, {}}", 89}},
-      {"WirelessWanStatus", {"{0, false, false, 65408, 65408, 65408, \"\", \"\", \"\", \"\", "
-                             "0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, \"\", \"\", 0, 0, "
-                             "\"\", \"\", 0, \"\", \"\"}", 111}},
+      {"WiredWanStatus",
+       {"{0, false, true, \"\", 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, "
+        "0.0.0.0:0, 0.0.0.0:0, 1500, 0, {}, 0, 0, 0, 0, {}}",
+        89}},
+      {"WirelessWanStatus",
+       {"{0, false, false, 65408, 65408, 65408, \"\", \"\", \"\", \"\", "
+        "0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, 0.0.0.0:0, \"\", \"\", 0, 0, "
+        "\"\", \"\", 0, \"\", \"\"}",
+        111}},
       {"LanStatus", {"{false, 0, {}, 0, 0, 0.0.0.0:0, 0.0.0.0:0, \"\", 0, 0, {}}", 54}},
       {"", {"0.0.0.0/0.0.0.0 via nothing (selector 0) (gw 0.0.0.0)", 29}},  // a routing entry
   };

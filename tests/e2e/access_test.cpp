@@ -1,10 +1,9 @@
 // Who may use which service: clients pointed at the wrong service are told so
 // and nothing is executed; with the packaged settings, a local user outside
 // the groups is refused by each service while a route client is served.
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <sstream>
 
@@ -17,8 +16,9 @@ TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
   cStack stack;
   ASSERT_TRUE(stack.Start());
   ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));  // the configuration is in
-  ASSERT_EQ(stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
-                            "default", "metric", "5"})
+  ASSERT_EQ(stack
+                .Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                           "default", "metric", "5"})
                 .status,
             0);
   ASSERT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
@@ -62,7 +62,8 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   for (auto& list : args) {
     std::getline(all, one, '|');
     auto swap = [&](std::string const& from, std::string const& to) {
-      for (std::size_t at; (at = one.find(from)) != std::string::npos;) one.replace(at, from.size(), to);
+      for (std::size_t at; (at = one.find(from)) != std::string::npos;)
+        one.replace(at, from.size(), to);
     };
     swap(PACKAGED_RUN_DIR, run.Path());
     swap(",routemgr", ",0");
@@ -104,8 +105,9 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   // A route client is a member of the group, not its login group; an admin
   // may change the store, which a route client may not.
   stack.toolPrefix = nobody + "--groups=" + kClientGid + " ";
-  EXPECT_EQ(stack.Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
-                            "default", "metric", "5"})
+  EXPECT_EQ(stack
+                .Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
+                           "default", "metric", "5"})
                 .status,
             0);
   EXPECT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));

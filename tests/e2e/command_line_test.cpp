@@ -1,8 +1,7 @@
 // One command-line grammar for all five programs: each binary run with a
 // table of arguments, its exit status and what it says compared.
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <fstream>
 
@@ -38,7 +37,10 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
   } const cases[] = {
       {ROUTEMGR_BIN, {"-h"}, 0, "--props FILE"},
       {ROUTEMGR_BIN, {"--version"}, 0, std::string("routemgr ") + ROUTEMGR_VERSION + "\n"},
-      {ROUTEMGR_BIN, {"--prop", "novalue"}, 2, "bad value 'novalue' for --prop: expected KEY=VALUE"},
+      {ROUTEMGR_BIN,
+       {"--prop", "novalue"},
+       2,
+       "bad value 'novalue' for --prop: expected KEY=VALUE"},
       {ROUTEMGR_BIN, {"--prop=kest.trace=printer"}, 2, "unknown trace sink 'printer'"},
       {ROUTEMGR_BIN, {"--props", badProps}, 2, badProps + ":2: expected key=value"},
       {ROUTEMGR_BIN, {"--bogus=1"}, 2, "unknown option '--bogus'"},
@@ -47,9 +49,13 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
 
       {HALPROXY_BIN, {"--help"}, 0, "--unavailable=skip|unreachable"},
       {HALPROXY_BIN, {"-V"}, 0, std::string("halproxy ") + ROUTEMGR_VERSION + "\n"},
-      {HALPROXY_BIN, {"--backend", "kernel"}, 2,
+      {HALPROXY_BIN,
+       {"--backend", "kernel"},
+       2,
        "bad value 'kernel' for --backend: expected memory or netlink"},
-      {HALPROXY_BIN, {"--listen=unix:/h", "--socket-mode=0800"}, 2,
+      {HALPROXY_BIN,
+       {"--listen=unix:/h", "--socket-mode=0800"},
+       2,
        "bad value '0800' for --socket-mode"},
       {HALPROXY_BIN, {"--backend=netlink", "--interfaces=eth0"}, 2, "--interfaces is only for"},
       {HALPROXY_BIN, {"--allow-uid=0"}, 2, "need --listen unix:/path"},  // the default is TCP
@@ -77,14 +83,18 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
 
       {ROUTECTL_BIN, {"-h"}, 0, "--hal-table"},
       {ROUTECTL_BIN, {"--version"}, 0, std::string("routectl ") + ROUTEMGR_VERSION + "\n"},
-      {ROUTECTL_BIN, {"--timeout", "0", "route", "del", "x"}, 2,
+      {ROUTECTL_BIN,
+       {"--timeout", "0", "route", "del", "x"},
+       2,
        "bad value '0' for --timeout: milliseconds (1..600000)"},
       {ROUTECTL_BIN, {"--wait=x", "route", "del", "x"}, 2, "bad value 'x' for --wait"},
       {ROUTECTL_BIN, {"--nope"}, 2, "unknown option '--nope'"},
       {ROUTECTL_BIN, {"-b"}, 2, "option '-b' needs a value"},
       {ROUTECTL_BIN, {"--hal-table", "route"}, 2, "--hal-table takes no command"},
       // A leading zero is refused as inet_pton refuses it, not read as 10.
-      {ROUTECTL_BIN, {"route", "set", "x", "010.0.0.0/8", "via", "1.2.3.4"}, 2,
+      {ROUTECTL_BIN,
+       {"route", "set", "x", "010.0.0.0/8", "via", "1.2.3.4"},
+       2,
        "bad prefix '010.0.0.0/8'"},
   };
   for (auto const& c : cases) {

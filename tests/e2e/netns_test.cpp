@@ -1,9 +1,8 @@
 // The core scenario against a real kernel routing table: halproxy with its
 // netlink backend inside a network namespace whose WAN interfaces are veth
 // pairs to a second namespace holding the gateways. Needs root.
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "e2e/stack.h"
 
@@ -49,7 +48,8 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   if (!ns.error.empty()) GTEST_SKIP() << "cannot set up network namespaces here: " << ns.error;
   // Orphans go after one refresh that does not ask for them, so the test
   // waits two refreshes, not four.
-  cStack stack({{ip, "netns", "exec", ns.router}, {"--backend=netlink", "--sweep-after=1"}, {}, {}});
+  cStack stack(
+      {{ip, "netns", "exec", ns.router}, {"--backend=netlink", "--sweep-after=1"}, {}, {}});
   ASSERT_TRUE(stack.Start());
   EXPECT_TRUE(ns.Wait("192.168.50.0/24 via 192.168.1.254 dev eth1"));
 
@@ -72,7 +72,8 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   // A custom route for the prefix of a connected route is refused, and the
   // connected route stays through the client's life and after it.
   std::string const connected = "192.168.1.0/24 dev eth1 proto kernel";
-  r = stack.Routectl({"route", "set", "conn", "192.168.1.0/24", "via", "10.64.0.1", "dev", "wwan0"});
+  r = stack.Routectl(
+      {"route", "set", "conn", "192.168.1.0/24", "via", "10.64.0.1", "dev", "wwan0"});
   EXPECT_EQ(r.out, "rc=-98 Address already in use\n") << r.err;
   EXPECT_TRUE(ns.Wait(connected));
 
@@ -95,9 +96,11 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   // configured route of setup dsl) never disappears meanwhile.
   r = stack.Datactl({"set-wan-setup", "fibre"});
   EXPECT_EQ(r.status, 0) << r.err;
-  held = stack.SpawnRoutectl({"--hold", "-b", stack.Write("orphans",
-      "route set o1 10.71.0.0/16 via 192.168.1.254 dev eth1\n"
-      "gateway set wired 192.168.1.253 dev eth1 type default metric 5\n")});
+  held = stack.SpawnRoutectl(
+      {"--hold", "-b",
+       stack.Write("orphans",
+                   "route set o1 10.71.0.0/16 via 192.168.1.254 dev eth1\n"
+                   "gateway set wired 192.168.1.253 dev eth1 type default metric 5\n")});
   EXPECT_TRUE(ns.Wait("10.71.0.0/16"));
   EXPECT_TRUE(ns.Wait("10.10.0.0/16 via 192.168.1.253"));
   stack.route->Signal(SIGKILL);
@@ -110,7 +113,8 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   bool wantedStayed = true;
   auto converged = [&] {
     routes = "\n" + Shell("ip -n " + ns.router + " route");
-    wantedStayed = wantedStayed && routes.find("\n192.168.50.0/24 via 192.168.1.254") != std::string::npos;
+    wantedStayed =
+        wantedStayed && routes.find("\n192.168.50.0/24 via 192.168.1.254") != std::string::npos;
     for (char const* orphan : {"\n10.71.0.0/16", "\n10.10.0.0/16", "\ndefault", "\n172.16.0.0/12"})
       if (routes.find(orphan) != std::string::npos) return false;
     return true;

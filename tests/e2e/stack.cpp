@@ -1,9 +1,8 @@
 #include "e2e/stack.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -54,8 +53,7 @@ std::string cStack::Write(std::string const& name, std::string const& text) cons
 }
 
 bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
-                    std::vector<std::string> argv, std::string& sap,
-                    std::vector<std::string> env) {
+                    std::vector<std::string> argv, std::string& sap, std::vector<std::string> env) {
   std::string const logPath = NextFile(name + ".log");
   // "JOURNAL_STREAM=" asks for what systemd puts there when standard error
   // is the journal: that stream's device and inode, here the log file's.
@@ -116,8 +114,8 @@ std::vector<std::string> cStack::HalTable() const {
            std::none_of(unwanted.begin(), unwanted.end(), in);
   };
   if (PollUntil(holds, timeoutMs)) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "the HAL proxy's table: "
-                                       << ::testing::PrintToString(table);
+  return ::testing::AssertionFailure()
+         << "the HAL proxy's table: " << ::testing::PrintToString(table);
 }
 
 // Bounded by timeout(1), so a hung tool fails the test instead of holding it.

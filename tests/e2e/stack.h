@@ -62,9 +62,7 @@ class cStack {
   cToolRun Routectl(std::vector<std::string> const& args, std::string const& input = "") {
     return Run(ROUTECTL_BIN, routeSap, args, input);
   }
-  cToolRun Datactl(std::vector<std::string> const& args) {
-    return Run(DATACTL_BIN, dataSap, args);
-  }
+  cToolRun Datactl(std::vector<std::string> const& args) { return Run(DATACTL_BIN, dataSap, args); }
   // A routectl that keeps running (for --hold); its output goes to a log.
   std::unique_ptr<cProcess> SpawnRoutectl(std::vector<std::string> const& args);
   // Writes a file in this stack's directory; its path.

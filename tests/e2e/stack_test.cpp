@@ -3,11 +3,12 @@
 // table, SIGUSR1 dumps (also under load) and peers restarted. The dump file
 // is always /tmp/routemgr.dmp: this test holds a CTest resource lock and
 // recognises its own routemgr by its access points.
+#include "e2e/stack.h"
+
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
@@ -15,7 +16,6 @@
 #include <thread>
 #include <tuple>
 
-#include "e2e/stack.h"
 #include "hal/hal_client.h"
 #include "kest/service.h"
 #include "routeIO/route_client.h"
@@ -265,8 +265,8 @@ TEST(E2eStack, RoutectlListsAHalTableOfTwentyThousandRoutesAsJson) {
   std::vector<std::string> want;
   for (int i = 0; i < kRoutes; ++i) {
     std::string const net = "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0";
-    ASSERT_EQ(0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7,
-                                           true))
+    ASSERT_EQ(
+        0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7, true))
         << net;
     want.push_back(R"({"dst":")" + net + R"(/24","via":"192.168.1.1","metric":7,"route":")" + net +
                    R"(/24 via 192.168.1.1 metric 7"})");

@@ -30,8 +30,10 @@ inline kest::cSerializeBuffer Body(const std::uint8_t* data, std::size_t size, s
 // Some encoders cannot fail and return nothing.
 template <typename F, typename M>
 bool Encoded(F& enc, M const& msg, kest::cSerializeBuffer& buf) {
-  if constexpr (std::is_void_v<decltype(enc(msg, buf))>) return enc(msg, buf), true;
-  else return enc(msg, buf);
+  if constexpr (std::is_void_v<decltype(enc(msg, buf))>)
+    return enc(msg, buf), true;
+  else
+    return enc(msg, buf);
 }
 
 // dec(buf, msg, error) -> bool, enc(msg, buf). A refusal must say why; what

@@ -11,8 +11,9 @@ using namespace dataIO::proto;
 template <typename M>
 void RoundTrip(kest::cSerializeBuffer& body) {
   M msg, back;
-  fuzz::RoundTrip(body, msg, back, [](M const& m, kest::cSerializeBuffer& b) { Encode(m, b); },
-                  [](kest::cSerializeBuffer& b, M& m, std::string& e) { return Decode(b, m, e); });
+  fuzz::RoundTrip(
+      body, msg, back, [](M const& m, kest::cSerializeBuffer& b) { Encode(m, b); },
+      [](kest::cSerializeBuffer& b, M& m, std::string& e) { return Decode(b, m, e); });
 }
 
 void Assemble(const std::uint8_t* data, std::size_t size) {
@@ -44,13 +45,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (size == 0) return 0;
   kest::cSerializeBuffer body = fuzz::Body(data, size, 1);
   switch (data[0]) {
-    case 0: Assemble(data + 1, size - 1); break;
-    case kOpSubscribe: RoundTrip<cSubscribe>(body); break;
-    case kOpUnsubscribe: RoundTrip<cUnsubscribe>(body); break;
-    case kOpSync: RoundTrip<cSync>(body); break;
-    case kOpDumpRequest: RoundTrip<cDumpRequest>(body); break;
-    case kOpDumpResult: RoundTrip<cDumpResult>(body); break;
-    case kOpRefused: RoundTrip<cRefused>(body); break;
+    case 0:
+      Assemble(data + 1, size - 1);
+      break;
+    case kOpSubscribe:
+      RoundTrip<cSubscribe>(body);
+      break;
+    case kOpUnsubscribe:
+      RoundTrip<cUnsubscribe>(body);
+      break;
+    case kOpSync:
+      RoundTrip<cSync>(body);
+      break;
+    case kOpDumpRequest:
+      RoundTrip<cDumpRequest>(body);
+      break;
+    case kOpDumpResult:
+      RoundTrip<cDumpResult>(body);
+      break;
+    case kOpRefused:
+      RoundTrip<cRefused>(body);
+      break;
   }
   return 0;
 }

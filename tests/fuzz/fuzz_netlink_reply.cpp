@@ -9,8 +9,8 @@ namespace nl = halproxy::nl;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 4) return 0;
-  const std::uint32_t seq = data[0] | data[1] << 8 | data[2] << 16 |
-                            static_cast<std::uint32_t>(data[3]) << 24;
+  const std::uint32_t seq =
+      data[0] | data[1] << 8 | data[2] << 16 | static_cast<std::uint32_t>(data[3]) << 24;
   const std::uint8_t* datagram = data + 4;
   const std::size_t len = size - 4;
   std::vector<nl::cNlRoute> routes;

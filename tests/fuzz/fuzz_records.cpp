@@ -33,17 +33,23 @@ void RoundTrip(const std::uint8_t* data, std::size_t size) {
 template <bool kStatus>
 void Sync(const std::uint8_t* data, std::size_t size) {
   static char const* const kStatusNames[] = {
-      cDBStatusConnection::kItemName, cDBStatusLan::kItemName, cDBStatusWan::kItemName,
-      cDBStatusWiredWan::kItemName, cDBStatusWirelessWan::kItemName, "NoSuchStatus"};
+      cDBStatusConnection::kItemName, cDBStatusLan::kItemName,         cDBStatusWan::kItemName,
+      cDBStatusWiredWan::kItemName,   cDBStatusWirelessWan::kItemName, "NoSuchStatus"};
   cDBNetworkStatusCollection status;
   cDBWanRoutingCollection routing("dsl");
   cDBCollection& coll = kStatus ? static_cast<cDBCollection&>(status) : routing;
   fuzz::Steps(data, size, 2, [&](const std::uint8_t* h, kest::cSerializeBuffer& bytes) {
     const std::string name = kStatus ? kStatusNames[h[1] % 6] : "route" + std::to_string(h[1] % 4);
     switch (h[0] % 4) {
-      case 0: coll.BeginSync(); break;
-      case 1: (void)coll.ReceiveItem(name, bytes); break;
-      case 2: coll.RemoveItem(name); break;
+      case 0:
+        coll.BeginSync();
+        break;
+      case 1:
+        (void)coll.ReceiveItem(name, bytes);
+        break;
+      case 2:
+        coll.RemoveItem(name);
+        break;
       case 3:
         (void)coll.HasChanged();
         coll.EndSync();
@@ -56,10 +62,14 @@ void Sync(const std::uint8_t* data, std::size_t size) {
   for (auto const& [key, route] : routing.RoutesInForce()) (void)route.ToString("");
 }
 
-void (*const kRun[])(const std::uint8_t*, std::size_t) = {
-    RoundTrip<cDBConfigWanRoute>, RoundTrip<cDBStatusConnection>, RoundTrip<cDBStatusLan>,
-    RoundTrip<cDBStatusWan>,      RoundTrip<cDBStatusWiredWan>,   RoundTrip<cDBStatusWirelessWan>,
-    Sync<true>,                   Sync<false>};
+void (*const kRun[])(const std::uint8_t*, std::size_t) = {RoundTrip<cDBConfigWanRoute>,
+                                                          RoundTrip<cDBStatusConnection>,
+                                                          RoundTrip<cDBStatusLan>,
+                                                          RoundTrip<cDBStatusWan>,
+                                                          RoundTrip<cDBStatusWiredWan>,
+                                                          RoundTrip<cDBStatusWirelessWan>,
+                                                          Sync<true>,
+                                                          Sync<false>};
 
 }  // namespace
 

@@ -35,8 +35,8 @@ void Dotted(const std::uint8_t* data, std::size_t size) {
 }
 
 void (*const kRun[])(const std::uint8_t*, std::size_t) = {
-    RoundTrip<kest::s_bool>,   RoundTrip<kest::s_int8>,   RoundTrip<kest::s_uint8>,
-    RoundTrip<kest::s_uint16>, RoundTrip<kest::s_uint32>, RoundTrip<kest::s_uint64>,
+    RoundTrip<kest::s_bool>,   RoundTrip<kest::s_int8>,        RoundTrip<kest::s_uint8>,
+    RoundTrip<kest::s_uint16>, RoundTrip<kest::s_uint32>,      RoundTrip<kest::s_uint64>,
     RoundTrip<kest::s_string>, RoundTrip<kest::s_socket_addr>, Dotted};
 
 }  // namespace

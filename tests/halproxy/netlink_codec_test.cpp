@@ -18,9 +18,9 @@ namespace {
 namespace nl = halproxy::nl;
 
 std::string Text(nl::cNlRoute const& r) {
-  return kest::FormatString("%x/%u via %x dev %u src %x metric %u/%d table %u type %u/%u/%u",
-                            r.dst, r.dstLen, r.gateway, r.oif, r.prefsrc, r.priority,
-                            r.hasPriority, r.table, r.type, r.protocol, r.scope);
+  return kest::FormatString("%x/%u via %x dev %u src %x metric %u/%d table %u type %u/%u/%u", r.dst,
+                            r.dstLen, r.gateway, r.oif, r.prefsrc, r.priority, r.hasPriority,
+                            r.table, r.type, r.protocol, r.scope);
 }
 
 nlmsghdr Header(std::vector<std::uint8_t> const& msg) {
@@ -31,8 +31,17 @@ nlmsghdr Header(std::vector<std::uint8_t> const& msg) {
 
 TEST(NetlinkCodec, BuiltMessagesParseBackAsTheirRoutes) {
   // Every attribute, with host bits in the destination that the build masks.
-  nl::cNlRoute const full = {0x0A010203, 16, RTN_UNICAST, nl::kRouteProtocol, RT_SCOPE_UNIVERSE,
-                             RT_TABLE_MAIN, 0xC0000201, 0xC0000202, 3, 7, true};
+  nl::cNlRoute const full = {0x0A010203,
+                             16,
+                             RTN_UNICAST,
+                             nl::kRouteProtocol,
+                             RT_SCOPE_UNIVERSE,
+                             RT_TABLE_MAIN,
+                             0xC0000201,
+                             0xC0000202,
+                             3,
+                             7,
+                             true};
   nl::cNlRoute const bare;  // a default route: no attributes at all
   nl::cNlRoute const host = {0x0A000001, 32, RTN_UNREACHABLE, 0, RT_SCOPE_LINK, 1000};  // RTA_TABLE
   std::vector<std::uint8_t> dump;  // the three as a kernel's dump answer would carry them

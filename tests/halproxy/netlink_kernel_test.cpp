@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 
 #include "netlink_backend.h"
@@ -55,7 +55,6 @@ class NetlinkKernel : public ::testing::Test {
   }
 
  protected:
-
   void StartProxy(std::string unavailable) {
     Lines args = {"--backend=netlink", "--log-level=debug", "--unavailable=" + unavailable};
     ASSERT_TRUE(m_proxy.Start(args, {"ip", "netns", "exec", m_ns}));
@@ -177,8 +176,8 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
   // before we read: none may be lost, and the route after them goes in.
   routes.clear();
   for (unsigned i = 0; i < 2500; ++i)
-    routes.push_back(Route(("10.100." + std::to_string(i % 250) + ".0").c_str(), 24,
-                           "203.0.113.1", "", i / 250));
+    routes.push_back(Route(("10.100." + std::to_string(i % 250) + ".0").c_str(), 24, "203.0.113.1",
+                           "", i / 250));
   routes.push_back(Route("10.6.0.0", 16, kGw1));
   backend.InstallMany(routes, halproxy::IRouteBackend::eInstall::kReplace, results);
   ASSERT_EQ(routes.size(), results.size());
@@ -202,9 +201,9 @@ class cKernelWorld : public halproxy_semantics::IWorld {
     in >> what >> arg;
     std::getline(in, rest);
     std::string cmd = what == "up" || what == "down" ? "link set " + arg + " " + what
-                      : what == "foreign"            ? "route add " + arg + rest + " proto static"
-                                          : "route del " + arg + " proto " +
-                                                std::to_string(nl::kRouteProtocol);
+                      : what == "foreign"
+                          ? "route add " + arg + rest + " proto static"
+                          : "route del " + arg + " proto " + std::to_string(nl::kRouteProtocol);
     EXPECT_EQ(0, Sh("ip -n " + m_ns + " " + cmd)) << cmd;
   }
 

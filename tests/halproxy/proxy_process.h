@@ -2,14 +2,13 @@
 // a HAL client for it; the destructor tears all down, also after a failure.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "hal/hal_client.h"
 #include "kest/service.h"

@@ -119,15 +119,18 @@ void RunCases(Make make) {
         continue;
       }
       // Connections are told apart by identity only.
-      void const* connection = reinterpret_cast<void const*>(static_cast<std::uintptr_t>(s.connection));
+      void const* connection =
+          reinterpret_cast<void const*>(static_cast<std::uintptr_t>(s.connection));
       EXPECT_EQ(s.rc, proxy.Execute(s.req, lines, detail, connection))
           << hal::Describe(s.req) << ": " << detail;
     }
     // Restoration comes from the loop.
-    testsupport::PumpUntil([&] {
-      proxy.Execute({halop::kListRoutes, "", "", "", "", ""}, lines, detail);
-      return Normalized(lines, c.table) == c.table;
-    }, 1000);
+    testsupport::PumpUntil(
+        [&] {
+          proxy.Execute({halop::kListRoutes, "", "", "", "", ""}, lines, detail);
+          return Normalized(lines, c.table) == c.table;
+        },
+        1000);
     EXPECT_EQ(c.table, Normalized(lines, c.table));
   }
 }
@@ -178,10 +181,10 @@ inline std::vector<cCase> Cases() {
       {"injected faults answer instead of the table",
        {Fault(halop::kConfigureIPGateway, -ENETUNREACH, 1),
         Fails(Set("10.1.0.0", kGw0, "veth0"), -ENETUNREACH),
-        Default(kGw0, 1),               // other operations unaffected
+        Default(kGw0, 1),                // other operations unaffected
         Set("10.1.0.0", kGw0, "veth0"),  // a count of one is used up
-        Fault(halop::kRemoveIPDefaultGateway, -EIO, 0), NoDefault(kGw0, -EIO), NoDefault(kGw0, -EIO),
-        Fault(halop::kRemoveIPDefaultGateway, 0, 0),  // cleared
+        Fault(halop::kRemoveIPDefaultGateway, -EIO, 0), NoDefault(kGw0, -EIO),
+        NoDefault(kGw0, -EIO), Fault(halop::kRemoveIPDefaultGateway, 0, 0),  // cleared
         NoDefault(kGw0), Fault(halop::kListRoutes, -EIO, 0, -EINVAL)},
        {"10.1.0.0/16 via 192.0.2.1 dev veth0 metric 0"}},
       {"a route that another party made is neither replaced nor removed",
@@ -189,9 +192,8 @@ inline std::vector<cCase> Cases() {
         Fails(Del("10.5.0.0", "0.0.0.0"), kNotOurs), Set("10.5.0.0", kGw1, "veth1", 7)},
        {"10.5.0.0/16 via 198.51.100.1 dev veth1 metric 7"}},
       {"what the daemon's refreshes stop asking for goes after K of them, the rest stays",
-       Then(Refresh(orphans),
-            Then(Refresh({Set("10.1.0.0", kGw0, "veth0"), Default(kGw1, 5)}),
-                 Refresh({Set("10.1.0.0", kGw0, "veth0"), Default(kGw1, 5)}))),
+       Then(Refresh(orphans), Then(Refresh({Set("10.1.0.0", kGw0, "veth0"), Default(kGw1, 5)}),
+                                   Refresh({Set("10.1.0.0", kGw0, "veth0"), Default(kGw1, 5)}))),
        {"10.1.0.0/16 via 192.0.2.1 dev veth0 metric 0", "default via 198.51.100.1 metric 5"}},
       {"a single request between refreshes counts, and a failed one is still owed",
        Then(Then(Refresh({}),

@@ -15,9 +15,9 @@ TEST(Frame, LittleEndianOnTheWireAndDecodedWhateverTheChunking) {
             (Bytes{9, 0, 0, 0, 2, 4, 3, 2, 1, 6, 5, 'a', 'b'}));
   std::string const largest(kest::kMaxFrame - (kest::kFrameHeader - 4), 'x');
   Bytes wire;
-  for (Bytes const& f : {Wire(kest::cFrame::kRequest, 1, 7, ""),
-                         Wire(kest::cFrame::kEvent, 0, 65535, "ev"),
-                         Wire(kest::cFrame::kReply, 0xffffffff, 2, largest)})
+  for (Bytes const& f :
+       {Wire(kest::cFrame::kRequest, 1, 7, ""), Wire(kest::cFrame::kEvent, 0, 65535, "ev"),
+        Wire(kest::cFrame::kReply, 0xffffffff, 2, largest)})
     wire.insert(wire.end(), f.begin(), f.end());
   for (std::size_t chunk : {1, 3, 11, 4096, 200000}) {
     kest::cFrameReader reader;
@@ -71,11 +71,24 @@ TEST(AccessPoint, ParsesTcpAndUnixAndNamesMalformedTexts) {
   ASSERT_TRUE(kest::cAccessPoint::Parse("192.168.10.1:80", ap, error));
   EXPECT_EQ(kest::FormatString("%d %x %u", ap.kind == kest::cAccessPoint::kTcp, ap.ip, ap.port),
             "1 c0a80a01 80");
-  std::string const bad[] = {
-      "", "127.0.0.1", "127.0.0.1:", "127.0.0.1:65536", "127.0.0.1:-1", "127.0.0.1:80x",
-      "127.0.0.1: 80", "127.0.0.1:080", "127.0.0:80", "1.2.3.4.5:80", "256.0.0.1:80",
-      "01.2.3.4:80", "localhost:80", " 127.0.0.1:80", "127.0.0.1:80 ", "unix:",
-      "unix:relative/path", "unix:/" + std::string(200, 'p')};
+  std::string const bad[] = {"",
+                             "127.0.0.1",
+                             "127.0.0.1:",
+                             "127.0.0.1:65536",
+                             "127.0.0.1:-1",
+                             "127.0.0.1:80x",
+                             "127.0.0.1: 80",
+                             "127.0.0.1:080",
+                             "127.0.0:80",
+                             "1.2.3.4.5:80",
+                             "256.0.0.1:80",
+                             "01.2.3.4:80",
+                             "localhost:80",
+                             " 127.0.0.1:80",
+                             "127.0.0.1:80 ",
+                             "unix:",
+                             "unix:relative/path",
+                             "unix:/" + std::string(200, 'p')};
   for (std::string const& text : bad) {
     EXPECT_FALSE(kest::cAccessPoint::Parse(text, ap, error)) << text;
     EXPECT_NE(error.find("malformed access point \"" + text + "\""), std::string::npos) << error;

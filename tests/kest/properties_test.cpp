@@ -65,7 +65,8 @@ TEST_F(PropertiesDeathTest, BadPropertiesExitTwoNamingTheProblem) {
 TEST(Trace, OneLineOnStderrPerTraceAndNothingOnStdout) {
   EXPECT_EQ(kest::FormatString("<%s>", std::string(5000, 'q').c_str()).size(), 5002u);
   ASSERT_TRUE(kest::cTracepoint::SelectSink("stderr"));
-  std::pair<char const*, char const*> const cases[] = {  // maximum level, what 005 writes
+  std::pair<char const*, char const*> const cases[] = {
+      // maximum level, what 005 writes
       {"004", ""},
       {"999", "Mod 005 file.cpp:7 two lines\n"},
   };

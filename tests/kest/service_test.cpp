@@ -68,9 +68,13 @@ class ServiceTest : public ::testing::Test {
 };
 
 TEST_F(ServiceTest, DispatchPicksTheFirstMatchingEntryAndPostsRunInOrder) {
-  struct Case { char const* name; int channel; char const* handled; };
-  Case const cases[] = {{"A", 0, "A"},     {"B", 1, "B/1"},       {"B", 0, "B/any"},
-                        {"B", -1, "B/any"}, {"C", 1, "ignore C"}};
+  struct Case {
+    char const* name;
+    int channel;
+    char const* handled;
+  };
+  Case const cases[] = {
+      {"A", 0, "A"}, {"B", 1, "B/1"}, {"B", 0, "B/any"}, {"B", -1, "B/any"}, {"C", 1, "ignore C"}};
   cProbe sink;
   sink.Init("probe", 1);
   for (auto const& c : cases) {
@@ -99,8 +103,16 @@ TEST_F(ServiceTest, DispatchPicksTheFirstMatchingEntryAndPostsRunInOrder) {
 
 TEST_F(ServiceTest, TimersFollowTheManualClock) {
   // Period 100 ms; each step acts ('r'estart, 's'top, 'd'estroy), advances, counts deliveries.
-  struct Step { char action; std::uint64_t ms; long ticks; };
-  struct Case { char const* name; bool repeat; std::vector<Step> steps; };
+  struct Step {
+    char action;
+    std::uint64_t ms;
+    long ticks;
+  };
+  struct Case {
+    char const* name;
+    bool repeat;
+    std::vector<Step> steps;
+  };
   Case const cases[] = {
       {"one-shot", false, {{'-', 99, 0}, {'-', 1, 1}, {'-', 1000, 0}}},
       // Late delivery (at 103) must not shift the next periods: due at 200, 300.
@@ -142,7 +154,8 @@ TEST_F(ServiceTest, ReportsReadyAndPingsTheWatchdogAtHalfItsPeriod) {
       addr.sun_path[0] = env[0] == '@' ? '\0' : '/';
       unlink(path.c_str());
       ASSERT_EQ(bind(init.fd, reinterpret_cast<sockaddr*>(&addr),
-                     socklen_t(offsetof(sockaddr_un, sun_path) + env.size())), 0);
+                     socklen_t(offsetof(sockaddr_un, sun_path) + env.size())),
+                0);
       setenv("NOTIFY_SOCKET", env.c_str(), 1);
       setenv("WATCHDOG_USEC", "2000000", 1);
       setenv("WATCHDOG_PID", ours ? std::to_string(getpid()).c_str() : "1", 1);

@@ -1,14 +1,13 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <cstring>
 #include <memory>
-
-#include <grp.h>
-#include <sys/wait.h>
 
 #include "kest/hello.h"
 #include "kest/message.h"
@@ -117,7 +116,9 @@ class TransportTest : public ::testing::Test,
     EXPECT_TRUE(server.Listen(ap, error)) << error;
     return kest::FormatString("127.0.0.1:%u", server.BoundPort());
   }
-  bool Connections(std::size_t n) { return PumpUntil([&] { return server.Connections() == n; }); }
+  bool Connections(std::size_t n) {
+    return PumpUntil([&] { return server.Connections() == n; });
+  }
   kest::cServer server{nullptr, this, "test", kSelf};
   Strings log;
   bool closeOnFrame = false;
@@ -226,7 +227,9 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
   } const cases[] = {
       {"answers", 0, {"connected", "event 42"}, "dropping unexpected reply"},
       {"hangs up", kest::clienterr::kConnectionLost, {"connected", "disconnected"}, "request op 9"},
-      {"stays silent", kest::clienterr::kTimeout, {"connected", "disconnected"},
+      {"stays silent",
+       kest::clienterr::kTimeout,
+       {"connected", "disconnected"},
        "got no reply within 100 ms; dropping the connection"},
   };
   for (auto const& c : cases) {
@@ -256,7 +259,7 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
     EXPECT_EQ(client.Request(9, body, reply), c.rc);
     EXPECT_EQ(kesttest::Text(reply), c.rc == 0 ? "pong" : "");
     EXPECT_EQ(client.log, Strings{"connected"});  // nothing ran inside Request
-    kest::cFrame req;  // what the peer got, unless it had hung up
+    kest::cFrame req;                             // what the peer got, unless it had hung up
     EXPECT_EQ(peer.Receive(req) ? kesttest::Describe(req) : "",
               c.rc == kest::clienterr::kConnectionLost ? "" : "1 2 9 ping");
     kest::Loop().RunUntilIdle();
@@ -319,7 +322,8 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
     Bytes first;
     char const* reason;
   } const cases[] = {
-      {Wire(kest::cFrame::kRequest, 1, 9, "do it"), "the first frame (kind 1, op 9) is not a hello"},
+      {Wire(kest::cFrame::kRequest, 1, 9, "do it"),
+       "the first frame (kind 1, op 9) is not a hello"},
       {Wire(kest::cFrame::kEvent, 0, 0, ""), "the first frame (kind 3, op 0) is not a hello"},
       {Wire(kest::cFrame::kRequest, 1, 0, std::string(300, 'x')), "malformed hello: service: "},
       {wrongVersion, "protocol version 2 is not supported (only 1)"},
@@ -335,8 +339,8 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
     EXPECT_EQ(g.service + " " + g.reason.substr(0, std::strlen(c.reason)),
               std::string("test ") + c.reason);
     EXPECT_TRUE(peer.ClosedByServer());
-    EXPECT_TRUE(Traced(traces, "refusing connection from " + peer.Me() + " on " + ap + ": " +
-                                   c.reason));
+    EXPECT_TRUE(
+        Traced(traces, "refusing connection from " + peer.Me() + " on " + ap + ": " + c.reason));
   }
   EXPECT_EQ(RawClient(ap).Greet(kOther), "this is test, not other");
   EXPECT_EQ(log, Strings{});  // the handler heard of none of them
@@ -379,8 +383,8 @@ TEST_F(TransportTest, AClientRefusedOrDroppedAtOnceBacksOffOneLineAnAttempt) {
       }
       clock.Advance(delay);
     }
-    EXPECT_EQ(traces.Messages().size(), Traced(traces, "cannot connect to ") +
-                                            Traced(traces, "refusing connection from "));
+    EXPECT_EQ(traces.Messages().size(),
+              Traced(traces, "cannot connect to ") + Traced(traces, "refusing connection from "));
     EXPECT_EQ(client.log, Strings{});
   }
   EXPECT_EQ(log, Strings{});
@@ -455,10 +459,10 @@ TEST_F(TransportTest, OneUserCannotTakeEverySlot) {
       std::string error;
       if (n > 0) reader.Feed(buf, std::size_t(n));
       bool const got = reader.Next(f, error) == kest::cFrameReader::kFrame;
-      answers += !got                                ? "none;"
-                 : f.kind == kest::cFrame::kReply    ? "accepted;"
+      answers += !got                                    ? "none;"
+                 : f.kind == kest::cFrame::kReply        ? "accepted;"
                  : kest::DecodeRefusal(f.body, g, error) ? g.reason + ";"
-                                                       : "bad;";
+                                                         : "bad;";
     }
     (void)!write(result[1], answers.data(), answers.size());
     char c;

@@ -2,12 +2,11 @@
 // bad input, and the access control and bounds its properties set.
 #include "routeIO/route_server.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
@@ -106,7 +105,8 @@ class cRawClient {
     while ((n = recv(m_fd, buf, sizeof buf, 0)) > 0) m_reader.Feed(buf, std::size_t(n));
     kest::cFrame f;
     std::string error;
-    while (m_reader.Next(f, error) == kest::cFrameReader::kFrame) answered |= f.op != kest::kHelloOp;
+    while (m_reader.Next(f, error) == kest::cFrameReader::kFrame)
+      answered |= f.op != kest::kHelloOp;
     return n == 0 && !answered;
   }
   bool answered = false;

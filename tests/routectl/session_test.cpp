@@ -58,8 +58,8 @@ TEST(RoutectlSession, PipelinesAndAnswersInOrderOneLineEachUntilTheConnectionIsL
                           "route set b 10.1.0.0/16 via 1.1.1.1", "route del c"}));
   EXPECT_EQ(run.log, (Lines{"post route set a", "post route set b", "post route del c", "collect",
                             "collect", "collect"}));
-  EXPECT_EQ(run.out, (Lines{"ok", "line 3: rc=-101 Network is unreachable",
-                            "line 4: rc=-100 unknown tag"}));
+  EXPECT_EQ(run.out,
+            (Lines{"ok", "line 3: rc=-101 Network is unreachable", "line 4: rc=-100 unknown tag"}));
   EXPECT_EQ(run.session.ExitStatus(), 1);  // a command failed
   cRun ok;
   ok.Feed({"route del a", "gateway del b"});

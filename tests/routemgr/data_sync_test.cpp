@@ -28,8 +28,8 @@ TEST_F(ServiceTest, WalksThroughTheDataStates) {
   EXPECT_TRUE(svc->StatusReceived());
   ASSERT_NE(svc->RoutingCollection(), nullptr);
   EXPECT_EQ(svc->RoutingCollection()->GetDir(), "/Config/Network/WanSetups/dsl/Routing/");
-  EXPECT_EQ(data.Take(), (Lines{"Deregister null",
-                                "Register /Config/Network/WanSetups/dsl/Routing/"}));
+  EXPECT_EQ(data.Take(),
+            (Lines{"Deregister null", "Register /Config/Network/WanSetups/dsl/Routing/"}));
   EXPECT_EQ(Traces().back(), "Received Initial WanSetup - Registering RoutingCollection");
 
   SyncStatus("dsl");  // same name: nothing beyond the first trace
@@ -96,10 +96,9 @@ TEST_F(ServiceTest, RefusedRoutingRegistrationRestartsTheDataClient) {
   data.Take();
   data.refuse = true;
   SyncStatus("dsl");
-  EXPECT_EQ(data.Take(), (Lines{"Deregister null",
-                                "Register /Config/Network/WanSetups/dsl/Routing/ refused", "Stop",
-                                std::string("Deregister ") + kStatusDir, "Deregister null",
-                                "Start"}));
+  EXPECT_EQ(data.Take(),
+            (Lines{"Deregister null", "Register /Config/Network/WanSetups/dsl/Routing/ refused",
+                   "Stop", std::string("Deregister ") + kStatusDir, "Deregister null", "Start"}));
   EXPECT_FALSE(svc->StatusReceived());
   EXPECT_EQ(svc->NetworkStatus(), nullptr);
 }

@@ -6,7 +6,8 @@ TEST_F(ServiceTest, GatewayBeforeConfigurationTouchesOnlyDefaults) {
   auto r = SetGw("lan", "192.168.1.1", NORMAL);
   EXPECT_TRUE(r.success);
   EXPECT_TRUE(hal.Take().empty());
-  EXPECT_EQ(Traces(), Lines{"Recieved SetGateway (IP:192.168.1.1, Tag:lan, IF:eth0, Type:2, Prio:0)"});
+  EXPECT_EQ(Traces(),
+            Lines{"Recieved SetGateway (IP:192.168.1.1, Tag:lan, IF:eth0, Type:2, Prio:0)"});
 
   SetGw("up", "10.0.0.1", DEFAULT, 5);
   EXPECT_EQ(hal.Take(), Lines{"ConfigureIpDefaultGateway 10.0.0.1 5"});
@@ -44,10 +45,9 @@ TEST_F(ServiceTest, GatewayChangeMovesConfiguredRoutes) {
                    "ConfigureIPGateway 10.10.0.0 255.255.0.0 192.168.2.1 0.0.0.0 'eth2' 0 1"}));
 
   svc->DelGateway("wired");
-  EXPECT_EQ(hal.Take(),
-            (Lines{"RemoveIPGateway 10.10.0.0 255.255.0.0 192.168.2.1 1",
-                   "RemoveIPDefaultGateway 192.168.2.1",
-                   "ConfigureIPGateway 10.10.0.0 255.255.0.0 0.0.0.0 0.0.0.0 '' 0 0"}));
+  EXPECT_EQ(hal.Take(), (Lines{"RemoveIPGateway 10.10.0.0 255.255.0.0 192.168.2.1 1",
+                               "RemoveIPDefaultGateway 192.168.2.1",
+                               "ConfigureIPGateway 10.10.0.0 255.255.0.0 0.0.0.0 0.0.0.0 '' 0 0"}));
 }
 
 TEST_F(ServiceTest, DelGatewayRunsOnlyTheDeletePassBeforeTheConfigurationArrives) {

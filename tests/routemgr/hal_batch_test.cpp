@@ -101,7 +101,8 @@ TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
   Lines args{"--interfaces=eth1", "--log-level=debug"};
   // Fault injection is a test operation, off unless switched on where it can be.
   proxy.Run({"--help"});
-  if (proxy.Log().find("--enable-test-ops") != std::string::npos) args.push_back("--enable-test-ops");
+  if (proxy.Log().find("--enable-test-ops") != std::string::npos)
+    args.push_back("--enable-test-ops");
   ASSERT_TRUE(proxy.Start(args));
   ASSERT_TRUE(proxy.Connect());
   svc = std::make_unique<cRouteMgrService>("127.0.0.1:1", proxy.AccessPoint());

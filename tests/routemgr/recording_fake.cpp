@@ -1,24 +1,23 @@
-#include "recording_fakes.h"
-
 #include <algorithm>
 #include <utility>
 
 #include "kest/format.h"
+#include "recording_fakes.h"
 
 int FakeHal::ConfigureIPGateway(std::string const& network, std::string const& netmask,
                                 std::string const& gateway, std::string const& source,
                                 std::string const& ifname, unsigned int const& metric,
                                 bool const& gwAvailable) {
   log.push_back(kest::FormatString("ConfigureIPGateway %s %s %s %s '%s' %u %d", network.c_str(),
-                                   netmask.c_str(), gateway.c_str(), source.c_str(),
-                                   ifname.c_str(), metric, gwAvailable ? 1 : 0));
+                                   netmask.c_str(), gateway.c_str(), source.c_str(), ifname.c_str(),
+                                   metric, gwAvailable ? 1 : 0));
   return Answer("ConfigureIPGateway");
 }
 
 int FakeHal::RemoveIPGateway(std::string const& network, std::string const& netmask,
                              std::string const& gateway, bool const& gwAvailable) {
-  log.push_back(kest::FormatString("RemoveIPGateway %s %s %s %d", network.c_str(),
-                                   netmask.c_str(), gateway.c_str(), gwAvailable ? 1 : 0));
+  log.push_back(kest::FormatString("RemoveIPGateway %s %s %s %d", network.c_str(), netmask.c_str(),
+                                   gateway.c_str(), gwAvailable ? 1 : 0));
   return Answer("RemoveIPGateway");
 }
 
@@ -52,8 +51,7 @@ bool FakeData::RegisterCollection(dataIO::cDBCollection* collection) {
 bool FakeData::DeregisterCollection(dataIO::cDBCollection* collection) {
   log.push_back("Deregister " + (collection ? collection->GetDir() : std::string("null")));
   if (!collection) return true;
-  registered.erase(std::remove(registered.begin(), registered.end(), collection),
-                   registered.end());
+  registered.erase(std::remove(registered.begin(), registered.end(), collection), registered.end());
   delete collection;
   return true;
 }

@@ -31,7 +31,8 @@ kest::cChannel* ServiceTest::Client(int n) {
     int fds[2];
     socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
     close(fds[1]);
-    kest::s_socket_addr peer(kest::FormatString("10.0.0.%d", n), static_cast<std::uint16_t>(4000 + n));
+    kest::s_socket_addr peer(kest::FormatString("10.0.0.%d", n),
+                             static_cast<std::uint16_t>(4000 + n));
     slot = std::make_unique<kest::cChannel>(fds[0], peer, peer.ToString(""), nullptr);
   }
   return slot.get();
@@ -52,8 +53,8 @@ std::vector<std::string> ServiceTest::Traces() {
 }
 
 routeIO::routeResult ServiceTest::SetRoute(int client, char const* net, char const* mask,
-                                           char const* gw, std::string const& tag,
-                                           char const* src, char const* dev, std::uint32_t prio) {
+                                           char const* gw, std::string const& tag, char const* src,
+                                           char const* dev, std::uint32_t prio) {
   return svc->SetRoute(Client(client), Addr(net), Addr(mask), Addr(gw), Addr(src), dev, tag, prio);
 }
 

@@ -22,14 +22,22 @@ std::string ElfMachine(std::string const& path) {
   if (f == nullptr) return "";
   std::size_t const n = std::fread(h, 1, sizeof h, f);
   std::fclose(f);
-  if (n < sizeof h || std::memcmp(h, "\x7f" "ELF", 4) != 0 || h[5] != 1) return "";
+  if (n < sizeof h ||
+      std::memcmp(h,
+                  "\x7f"
+                  "ELF",
+                  4) != 0 ||
+      h[5] != 1)
+    return "";
   unsigned const machine = h[18] | h[19] << 8;
   std::string text = std::string("ELF ") + (h[4] == 1 ? "32" : "64") + "-bit ";
   if (machine == 62) return text + "x86-64";
   if (machine != 40) return text + "machine " + std::to_string(machine);
   std::uint32_t const flags = h[36] | h[37] << 8 | h[38] << 16 | std::uint32_t{h[39]} << 24;
   return text + "ARM EABI" + std::to_string(flags >> 24) +
-         (flags & 0x200 ? " soft-float" : flags & 0x400 ? " hard-float" : "");
+         (flags & 0x200   ? " soft-float"
+          : flags & 0x400 ? " hard-float"
+                          : "");
 }
 
 }  // namespace

@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
-#include <set>
-
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "datastore/records/db_wan_routing_collection.h"
 #include "kest/format.h"
@@ -92,9 +91,9 @@ class cObjectReader {
     json const* v = Take(key);
     if (v == nullptr) return false;
     if (!v->is_number_unsigned() || v->get<std::uint64_t>() > std::numeric_limits<T>::max()) {
-      Fail(PathOf(key), kest::FormatString("must be a whole number from 0 to %llu",
-                                           static_cast<unsigned long long>(
-                                               std::numeric_limits<T>::max())));
+      Fail(PathOf(key),
+           kest::FormatString("must be a whole number from 0 to %llu",
+                              static_cast<unsigned long long>(std::numeric_limits<T>::max())));
       return false;
     }
     out = static_cast<T>(v->get<std::uint64_t>());
@@ -273,7 +272,8 @@ void ReadStatus(json const& v, cDeviceConfig& cfg, std::string& error) {
   std::string setup;
   if (o.String("wanSetup", setup, kMaxDescription)) cfg.wan.m_wanSetupName.Set(setup);
   o.Field("wanState", cfg.wan.m_wanState);
-  if (json const* c = o.Take("connection")) ReadConnection(*c, "status/connection", cfg.connection, error);
+  if (json const* c = o.Take("connection"))
+    ReadConnection(*c, "status/connection", cfg.connection, error);
   if (json const* w = o.Take("wiredWan")) ReadWiredWan(*w, "status/wiredWan", cfg.wiredWan, error);
   if (json const* w = o.Take("wirelessWan"))
     ReadWirelessWan(*w, "status/wirelessWan", cfg.wirelessWan, error);
@@ -308,8 +308,8 @@ void ReadRoute(json const& v, std::string const& path, std::string const& setup,
   } else if (selector != dataIO::kGwSelectorOwn && haveGateway) {
     o.Fail(o.PathOf("gateway"), "is only used with via \"own\"");
   } else {
-    table.insert_or_assign(key, MakeRoute(setup, key, network, netmask, selector, gateway,
-                                          description));
+    table.insert_or_assign(key,
+                           MakeRoute(setup, key, network, netmask, selector, gateway, description));
   }
 }
 
@@ -375,8 +375,8 @@ bool ParsePrefix(std::string const& text, std::uint32_t& network, std::uint32_t&
     }
     return true;
   }
-  if (mask.empty() || mask.size() > 2 || mask.find_first_not_of("0123456789") != std::string::npos ||
-      std::stoi(mask) > 32) {
+  if (mask.empty() || mask.size() > 2 ||
+      mask.find_first_not_of("0123456789") != std::string::npos || std::stoi(mask) > 32) {
     error = "\"" + mask + "\" is no prefix length (0 to 32)";
     return false;
   }
@@ -438,7 +438,8 @@ bool LoadDeviceConfig(std::string const& path, cDeviceConfig& out, std::string& 
   int consumed = 0;
   if (std::sscanf(why.c_str(), "line %lu, column %lu: %n", &line, &column, &consumed) == 2 &&
       consumed > 0) {
-    error = kest::FormatString("%s:%lu:%lu: %s", path.c_str(), line, column, why.c_str() + consumed);
+    error =
+        kest::FormatString("%s:%lu:%lu: %s", path.c_str(), line, column, why.c_str() + consumed);
   } else {
     error = path + ": " + why;
   }

@@ -22,8 +22,8 @@ enum Op : std::uint16_t {
 
 // Result codes of a reply.
 constexpr std::int32_t kOk = 0;
-constexpr std::int32_t kRefused = 1;     // well-formed, but not possible (unknown route, ...)
-constexpr std::int32_t kBadRequest = 2;  // body does not decode or unknown op
+constexpr std::int32_t kRefused = 1;       // well-formed, but not possible (unknown route, ...)
+constexpr std::int32_t kBadRequest = 2;    // body does not decode or unknown op
 constexpr std::int32_t kNotPermitted = 3;  // the peer may not change the store
 
 // The reply text is for people; a longer one is cut so the reply fits a frame.
@@ -31,12 +31,12 @@ constexpr std::size_t kMaxReplyText = 60 * 1024;
 
 struct cRequest {
   Op op = kOpList;
-  std::string setup;        // set-wan-setup, route-set, route-del
-  std::string key;          // route-set, route-del
+  std::string setup;                                    // set-wan-setup, route-set, route-del
+  std::string key;                                      // route-set, route-del
   std::uint32_t network = 0, netmask = 0, gateway = 0;  // route-set
   std::uint8_t selector = 0;                            // route-set
-  std::string description;  // route-set
-  std::string dir;          // dump, list (empty: every directory)
+  std::string description;                              // route-set
+  std::string dir;                                      // dump, list (empty: every directory)
 };
 
 struct cReply {

@@ -1,13 +1,12 @@
 #include "datactl_cli.h"
 
-
 #include <cerrno>
 #include <cstring>
 
 #include "config_json.h"
+#include "dataIO/data_protocol.h"
 #include "device_config.h"
 #include "kest/access_point.h"
-#include "dataIO/data_protocol.h"
 #include "kest/call_once.h"
 #include "kest/format.h"
 #include "kest/options.h"
@@ -128,7 +127,8 @@ bool SendControl(std::string const& server, ctl::cRequest const& req, ctl::cRepl
                  std::string& error, int timeoutMs) {
   kest::cSerializeBuffer body, answer;
   ctl::Encode(req, body);
-  if (!kest::CallOnce(server, dataIO::proto::kService, timeoutMs, req.op, body, answer, error)) return false;
+  if (!kest::CallOnce(server, dataIO::proto::kService, timeoutMs, req.op, body, answer, error))
+    return false;
   std::string why;
   if (!ctl::Decode(answer, reply, why)) {
     error = "bad reply from " + server + ": " + why;

@@ -60,7 +60,8 @@ enum : int { kListen = kest::kLongOnly, kConfig, kAdminGid, kSyslog };
 
 // -1 to go on, otherwise the exit status after help, version or a usage error.
 int ParseArgs(int argc, char** argv, cOptions& opt) {
-  kest::cCommandLine cl{"datamgr", Usage(),
+  kest::cCommandLine cl{"datamgr",
+                        Usage(),
                         {{"listen", kListen, true},
                          {"config", kConfig, true},
                          {"admin-gid", kAdminGid, true},

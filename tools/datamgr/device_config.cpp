@@ -41,8 +41,7 @@ dataIO::cDBConfigWanRoute MakeRoute(std::string const& setup, std::string const&
                                     std::uint8_t selector, std::uint32_t gateway,
                                     std::string const& description) {
   return dataIO::cDBConfigWanRoute(key, dataIO::cDBWanRoutingCollection::DirectoryFor(setup),
-                                   kest::s_socket_addr(network, 0),
-                                   kest::s_socket_addr(netmask, 0),
+                                   kest::s_socket_addr(network, 0), kest::s_socket_addr(netmask, 0),
                                    kest::s_socket_addr(gateway, 0), selector, description);
 }
 

@@ -14,9 +14,9 @@ namespace {
 namespace proto = dataIO::proto;
 
 char const* const kModule = "datamgr";
-char const* const kLevelError = "002";  // bad input from a peer or a file; we go on
-char const* const kLevelInfo = "004";   // changes of the store, reloads
-char const* const kLevelDetail = "005"; // subscriptions, dump results
+char const* const kLevelError = "002";   // bad input from a peer or a file; we go on
+char const* const kLevelInfo = "004";    // changes of the store, reloads
+char const* const kLevelDetail = "005";  // subscriptions, dump results
 
 // A sync body may use a whole frame but its header.
 constexpr std::size_t kMaxSyncBody = kest::kMaxFrame - kest::kFrameHeader;
@@ -197,8 +197,7 @@ ctl::cReply cDataManager::Control(ctl::cRequest const& req, kest::cChannel* from
   cDeviceConfig next = m_config;
   switch (req.op) {
     case ctl::kOpSetWanSetup: {
-      if (!req.setup.empty() && !ValidName(req.setup))
-        return Refuse("a WAN setup name has no '/'");
+      if (!req.setup.empty() && !ValidName(req.setup)) return Refuse("a WAN setup name has no '/'");
       next.wan.m_wanSetupName.Set(req.setup);
       std::size_t const changed = Apply(std::move(next));
       std::string text = "WAN setup in force: \"" + req.setup + "\"";
@@ -214,16 +213,17 @@ ctl::cReply cDataManager::Control(ctl::cRequest const& req, kest::cChannel* from
       if (SelectorToText(req.selector).empty())
         return Refuse(kest::FormatString("unknown gateway selector %u", req.selector));
       if (req.description.size() > kMaxDescription)
-        return Refuse(kest::FormatString("description longer than %zu characters", kMaxDescription));
+        return Refuse(
+            kest::FormatString("description longer than %zu characters", kMaxDescription));
       bool const own = req.selector == dataIO::kGwSelectorOwn;
       auto route = MakeRoute(req.setup, req.key, req.network, req.netmask, req.selector,
                              own ? req.gateway : 0, req.description);
       std::string const text = route.ToString("");
       next.wanSetups[req.setup].insert_or_assign(req.key, std::move(route));
       std::size_t const changed = Apply(std::move(next));
-      return ctl::cReply{ctl::kOk, kest::FormatString("%s/%s: %s%s\n", req.setup.c_str(),
-                                                      req.key.c_str(), text.c_str(),
-                                                      changed == 0 ? " (unchanged)" : "")};
+      return ctl::cReply{ctl::kOk,
+                         kest::FormatString("%s/%s: %s%s\n", req.setup.c_str(), req.key.c_str(),
+                                            text.c_str(), changed == 0 ? " (unchanged)" : "")};
     }
     case ctl::kOpRouteDel: {
       auto setup = next.wanSetups.find(req.setup);
@@ -245,8 +245,8 @@ ctl::cReply cDataManager::Control(ctl::cRequest const& req, kest::cChannel* from
       for (kest::cChannel* channel : receivers) {
         if (m_channels.count(channel) != 0 && channel->Send(frame)) ++sent;
       }
-      KEST_TRACE(kModule, kLevelInfo, "dump request for %s sent to %zu client(s)",
-                 req.dir.c_str(), sent);
+      KEST_TRACE(kModule, kLevelInfo, "dump request for %s sent to %zu client(s)", req.dir.c_str(),
+                 sent);
       return ctl::cReply{ctl::kOk, kest::FormatString("dump request for %s sent to %zu client(s)\n",
                                                       req.dir.c_str(), sent)};
     }

@@ -31,7 +31,9 @@ class cFaultBackend : public IRouteBackend {
     int code = 0;
     std::uint32_t remaining = 0;  // 0: until cleared
   };
-  static eFault Of(eInstall how) { return how == eInstall::kReplace ? eFault::kReplace : eFault::kAppend; }
+  static eFault Of(eInstall how) {
+    return how == eInstall::kReplace ? eFault::kReplace : eFault::kAppend;
+  }
   bool Take(eFault what, cResult& result);
 
   IRouteBackend& m_inner;

@@ -333,7 +333,8 @@ void cRouteKeeper::Restore() {
     auto range = Prefix(0, 0);
     for (auto it = range.first; it != range.second; ++it) {
       cTableRoute const& e = it->second;
-      present = present || (e.ours && IsDefaultVia(e.route, gateway) && e.route.metric == want.metric);
+      present =
+          present || (e.ours && IsDefaultVia(e.route, gateway) && e.route.metric == want.metric);
     }
     if (!present) defaults.push_back(DefaultRoute(gateway, want.metric));
   }

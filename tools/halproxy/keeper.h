@@ -85,17 +85,17 @@ class cRouteKeeper {
   cResult Load();
   void Installed(cRoute const& route, IRouteBackend::eInstall how);
   void Removed(cRoute const& route);
-  cResult RemoveRoute(cRoute const& route);  // from the backend and the copy
+  cResult RemoveRoute(cRoute const& route);         // from the backend and the copy
   using cTable = std::multimap<cKey, cTableRoute>;  // by key, in order of arrival within one
   // The entries of destination dst/prefix, whatever their metric.
   std::pair<cTable::iterator, cTable::iterator> Prefix(std::uint32_t dst, std::uint8_t prefixLen);
 
   IRouteBackend& m_backend;
   unsigned m_keep;
-  std::map<cKey, cWant> m_routes;              // one per key, as in the kernel
+  std::map<cKey, cWant> m_routes;                // one per key, as in the kernel
   std::map<std::uint32_t, cDefault> m_defaults;  // by gateway
-  std::uint64_t m_completed = 0;  // complete refreshes, of every connection
-  std::uint64_t m_base = 0;       // m_completed when the daemon's connection began
+  std::uint64_t m_completed = 0;                 // complete refreshes, of every connection
+  std::uint64_t m_base = 0;                      // m_completed when the daemon's connection began
   bool m_hasDaemon = false;
   void const* m_daemon = nullptr;
   bool m_inRefresh = false;

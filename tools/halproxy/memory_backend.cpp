@@ -33,12 +33,12 @@ cResult cMemoryBackend::Install(cRoute const& route, eInstall how) {
   if (route.type == eRouteType::kUnicast && route.gateway == 0 && route.ifname.empty()) {
     return {-ENODEV, "a route needs a gateway or an interface"};
   }
-  if (m_down.count(route.ifname) != 0) return {-ENETDOWN, "interface '" + route.ifname + "' is down"};
+  if (m_down.count(route.ifname) != 0)
+    return {-ENETDOWN, "interface '" + route.ifname + "' is down"};
   auto first = std::find_if(m_table.begin(), m_table.end(),
                             [&](cTableRoute const& e) { return SameKey(e.route, route); });
-  auto same = std::find_if(first, m_table.end(), [&](cTableRoute const& e) {
-    return e.ours && e.route == route;
-  });
+  auto same = std::find_if(first, m_table.end(),
+                           [&](cTableRoute const& e) { return e.ours && e.route == route; });
   if (same != m_table.end() && !SameKey(same->route, route)) same = m_table.end();
   if (how == eInstall::kAppend || first == m_table.end()) {
     if (same != m_table.end()) return {-EEXIST, ""};

@@ -6,8 +6,8 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -157,7 +157,8 @@ cResult cNetlinkBackend::Transact(std::vector<std::uint8_t> const& msg,
       if (err == EAGAIN || err == EWOULDBLOCK) err = ETIMEDOUT;
       return {-err, ErrnoText("netlink receive", err)};
     }
-    nl::cNlResult res = nl::ParseReply(buf.data(), static_cast<std::size_t>(n), hdr.nlmsg_seq, dump);
+    nl::cNlResult res =
+        nl::ParseReply(buf.data(), static_cast<std::size_t>(n), hdr.nlmsg_seq, dump);
     if (res.status == nl::cNlResult::kMore) continue;
     if (res.status == nl::cNlResult::kMalformed) {
       return {-EPROTO, "malformed netlink answer: " + res.message};
@@ -214,7 +215,7 @@ void cNetlinkBackend::InstallMany(std::vector<cRoute> const& routes, eInstall ho
     cResult result;
     std::uint32_t index;
   };
-  std::vector<cIfIndex> ifaces;  // a handful of names: a list beats a map
+  std::vector<cIfIndex> ifaces;      // a handful of names: a list beats a map
   std::vector<std::size_t> indexes;  // the routes whose messages are in m_batch
   std::uint32_t firstSeq = 0;
   std::size_t lastAt = 0;  // where m_batch's last message starts
@@ -293,9 +294,9 @@ void cNetlinkBackend::SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
   // empty buffer; the routes left unanswered fail with ENOBUFS.
   bool overrun = false;
   for (;;) {
-    ssize_t n = overrun ? recv(mnl_socket_get_fd(m_nl), m_recvBuf.data(), m_recvBuf.size(),
-                               MSG_DONTWAIT)
-                        : mnl_socket_recvfrom(m_nl, m_recvBuf.data(), m_recvBuf.size());
+    ssize_t n =
+        overrun ? recv(mnl_socket_get_fd(m_nl), m_recvBuf.data(), m_recvBuf.size(), MSG_DONTWAIT)
+                : mnl_socket_recvfrom(m_nl, m_recvBuf.data(), m_recvBuf.size());
     if (n < 0) {
       int err = errno;
       if (err == EINTR) continue;
@@ -428,6 +429,5 @@ cResult cNetlinkBackend::List(std::vector<cTableRoute>& routes) {
   }
   return {};
 }
-
 
 }  // namespace halproxy

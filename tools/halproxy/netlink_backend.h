@@ -40,8 +40,8 @@ class cNetlinkBackend : public IRouteBackend {
   std::string InterfaceName(std::uint32_t index);
   // Sends m_batch, the messages numbered firstSeq... of the routes at
   // indexes (the last one starting at lastAt), and stores their answers.
-  void SendChunk(std::uint32_t firstSeq, std::size_t lastAt, std::vector<std::size_t> const& indexes,
-                 std::vector<cResult>& results);
+  void SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
+                 std::vector<std::size_t> const& indexes, std::vector<cResult>& results);
   void OpenEvents();
   void ReadNotifications();
   std::uint32_t NextSeq() { return ++m_seq; }

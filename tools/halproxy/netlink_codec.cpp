@@ -29,15 +29,17 @@ void PutRoute(std::vector<std::uint8_t>& out, std::uint16_t type, std::uint16_t 
   auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
   rtm->rtm_family = AF_INET;
   rtm->rtm_dst_len = r.dstLen;
-  rtm->rtm_table = static_cast<std::uint8_t>(r.table < 256 ? r.table : std::uint32_t{RT_TABLE_UNSPEC});
+  rtm->rtm_table =
+      static_cast<std::uint8_t>(r.table < 256 ? r.table : std::uint32_t{RT_TABLE_UNSPEC});
   rtm->rtm_protocol = r.protocol;
   rtm->rtm_scope = r.scope;
   rtm->rtm_type = r.type;
   if (r.table >= 256) mnl_attr_put_u32(nlh, RTA_TABLE, r.table);
   // The kernel takes the destination as given: mask it here, so a request
   // with host bits set cannot install a route the kernel refuses or misreads.
-  std::uint32_t mask = r.dstLen == 0 ? 0 : r.dstLen >= 32 ? 0xFFFFFFFFu
-                                                          : ~((1u << (32 - r.dstLen)) - 1);
+  std::uint32_t mask = r.dstLen == 0    ? 0
+                       : r.dstLen >= 32 ? 0xFFFFFFFFu
+                                        : ~((1u << (32 - r.dstLen)) - 1);
   if (r.dstLen > 0) mnl_attr_put_u32(nlh, RTA_DST, htonl(r.dst & mask));
   if (r.gateway != 0) mnl_attr_put_u32(nlh, RTA_GATEWAY, htonl(r.gateway));
   if (r.oif != 0) mnl_attr_put_u32(nlh, RTA_OIF, r.oif);
@@ -193,16 +195,27 @@ bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out) {
                              if (n < 4) return;
                              std::uint32_t v = ReadU32(data);
                              switch (type) {
-                               case RTA_DST: r.dst = ntohl(v); break;
-                               case RTA_GATEWAY: r.gateway = ntohl(v); break;
-                               case RTA_PREFSRC: r.prefsrc = ntohl(v); break;
-                               case RTA_OIF: r.oif = v; break;
-                               case RTA_TABLE: r.table = v; break;
+                               case RTA_DST:
+                                 r.dst = ntohl(v);
+                                 break;
+                               case RTA_GATEWAY:
+                                 r.gateway = ntohl(v);
+                                 break;
+                               case RTA_PREFSRC:
+                                 r.prefsrc = ntohl(v);
+                                 break;
+                               case RTA_OIF:
+                                 r.oif = v;
+                                 break;
+                               case RTA_TABLE:
+                                 r.table = v;
+                                 break;
                                case RTA_PRIORITY:
                                  r.priority = v;
                                  r.hasPriority = true;
                                  break;
-                               default: break;
+                               default:
+                                 break;
                              }
                            });
   if (!ok || r.dstLen > 32) return false;
@@ -213,8 +226,8 @@ bool ParseRoute(const std::uint8_t* payload, std::size_t len, cNlRoute& out) {
 cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t seq,
                      std::vector<cNlRoute>* routes) {
   cNlResult res;
-  std::string malformed =
-      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+  std::string malformed = WalkMessages(
+      data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
         if (h.nlmsg_seq != seq) return true;  // a late answer to an earlier request
         if (h.nlmsg_type == NLMSG_DONE && plen < sizeof(std::int32_t)) {
           // An old kernel ends a dump with an empty NLMSG_DONE.
@@ -245,26 +258,27 @@ cNlResult ParseReply(const std::uint8_t* data, std::size_t len, std::uint32_t se
 bool ParseAcks(const std::uint8_t* data, std::size_t len, std::uint32_t firstSeq,
                std::uint32_t count, std::vector<cNlAck>& acks, std::string& malformed) {
   std::string bad;
-  malformed =
-      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
-        // Unsigned difference: a batch may wrap past the largest number.
-        if (h.nlmsg_type != NLMSG_ERROR || h.nlmsg_seq - firstSeq >= count) return true;
-        cNlResult res = ParseErrorPayload(h, payload, plen);
-        if (res.status == cNlResult::kMalformed) {
-          bad = "answer " + std::to_string(h.nlmsg_seq) + ": " + res.message;
-          return false;
-        }
-        acks.push_back(cNlAck{h.nlmsg_seq, res.error, std::move(res.message)});
-        return true;
-      });
+  malformed = WalkMessages(data, len,
+                           [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+                             // Unsigned difference: a batch may wrap past the largest number.
+                             if (h.nlmsg_type != NLMSG_ERROR || h.nlmsg_seq - firstSeq >= count)
+                               return true;
+                             cNlResult res = ParseErrorPayload(h, payload, plen);
+                             if (res.status == cNlResult::kMalformed) {
+                               bad = "answer " + std::to_string(h.nlmsg_seq) + ": " + res.message;
+                               return false;
+                             }
+                             acks.push_back(cNlAck{h.nlmsg_seq, res.error, std::move(res.message)});
+                             return true;
+                           });
   if (malformed.empty()) malformed = std::move(bad);
   return malformed.empty();
 }
 
 bool ParseNotifications(const std::uint8_t* data, std::size_t len, std::uint32_t ownPort,
                         cNlNews& news, std::string& malformed) {
-  malformed =
-      WalkMessages(data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
+  malformed = WalkMessages(
+      data, len, [&](nlmsghdr const& h, const std::uint8_t* payload, std::size_t plen) {
         switch (h.nlmsg_type) {
           case RTM_NEWLINK:
           case RTM_DELLINK:

@@ -29,7 +29,7 @@ struct cNlRoute {
   std::uint32_t prefsrc = 0;  // 0: none
   std::uint32_t oif = 0;      // 0: none
   std::uint32_t priority = 0;
-  bool hasPriority = false;   // a removal without it matches any metric
+  bool hasPriority = false;  // a removal without it matches any metric
 };
 
 // No route message we build is longer, whatever its attributes.
@@ -77,9 +77,9 @@ struct cNlAck {
 // routes) means to the proxy. ownPort: the port of the socket the proxy makes
 // its own changes through, whose notifications say nothing new.
 struct cNlNews {
-  bool oursGone = false;      // a route of our protocol in the main table was deleted
-  bool othersChanged = false; // another route of the main table came, went or was replaced
-  bool linkChanged = false;   // a link or an address came, went or changed state
+  bool oursGone = false;       // a route of our protocol in the main table was deleted
+  bool othersChanged = false;  // another route of the main table came, went or was replaced
+  bool linkChanged = false;    // a link or an address came, went or changed state
 };
 // False when the datagram is malformed, with what in malformed; what was
 // read before it still counts in news.

@@ -15,20 +15,22 @@ char const* MaxLevelFor(std::string const& name) {
 }
 
 std::string Usage() {
-  return std::string("Usage: halproxy [options]\n"
-         "Installs and removes IPv4 routes on behalf of the route manager.\n"
-         "\n"
-         "  --listen ADDR:PORT|unix:/path  where to accept requests (default 127.0.0.1:3710)\n"
-         "  --backend=memory|netlink       memory: a table in memory, for tests and dry runs\n"
-         "                                 (default); netlink: the kernel's main table\n"
-         "  --unavailable=skip|unreachable a route whose gateway is unavailable installs\n"
-         "                                 nothing (default) or an unreachable route\n"
-         "  --interfaces=NAME[,NAME...]    memory backend: the interfaces that exist\n"
-         "                                 (default: any valid name)\n"
-         "  --sweep-after=N                routes of ours that N complete refreshes of the\n"
-         "                                 route manager did not ask for are removed (default 3)\n"
-         "  --enable-test-ops              accept InjectFault (tests only; refused otherwise)\n"
-         ) +
+  return std::string(
+             "Usage: halproxy [options]\n"
+             "Installs and removes IPv4 routes on behalf of the route manager.\n"
+             "\n"
+             "  --listen ADDR:PORT|unix:/path  where to accept requests (default 127.0.0.1:3710)\n"
+             "  --backend=memory|netlink       memory: a table in memory, for tests and dry runs\n"
+             "                                 (default); netlink: the kernel's main table\n"
+             "  --unavailable=skip|unreachable a route whose gateway is unavailable installs\n"
+             "                                 nothing (default) or an unreachable route\n"
+             "  --interfaces=NAME[,NAME...]    memory backend: the interfaces that exist\n"
+             "                                 (default: any valid name)\n"
+             "  --sweep-after=N                routes of ours that N complete refreshes of the\n"
+             "                                 route manager did not ask for are removed (default "
+             "3)\n"
+             "  --enable-test-ops              accept InjectFault (tests only; refused "
+             "otherwise)\n") +
          kest::kLimitOptionsUsage +
          "  --log-level=error|warning|info|debug  (default info; debug logs every request)\n"
          "  --syslog                       log to syslog instead of standard error\n"
@@ -68,7 +70,8 @@ enum : int {
 int ParseOptions(int argc, char** argv, cOptions& out) {
   cOptions opt;
   bool unixOnly = false;
-  kest::cCommandLine cl{"halproxy", Usage(),
+  kest::cCommandLine cl{"halproxy",
+                        Usage(),
                         {{"listen", kListen, true},
                          {"backend", kBackend, true},
                          {"unavailable", kUnavailable, true},
@@ -89,13 +92,13 @@ int ParseOptions(int argc, char** argv, cOptions& out) {
             opt.listen = value;
             return kest::cAccessPoint::Parse(value, ap, why);
           case kBackend:
-            opt.backend = value == "netlink" ? cOptions::eBackend::kNetlink
-                                             : cOptions::eBackend::kMemory;
+            opt.backend =
+                value == "netlink" ? cOptions::eBackend::kNetlink : cOptions::eBackend::kMemory;
             why = "expected memory or netlink";
             return value == "memory" || value == "netlink";
           case kUnavailable:
-            opt.unavailable = value == "unreachable" ? eUnavailable::kUnreachable
-                                                     : eUnavailable::kSkip;
+            opt.unavailable =
+                value == "unreachable" ? eUnavailable::kUnreachable : eUnavailable::kSkip;
             why = "expected skip or unreachable";
             return value == "skip" || value == "unreachable";
           case kInterfaces:

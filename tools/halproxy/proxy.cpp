@@ -40,11 +40,18 @@ bool ParsePrefix(hal::cHalRequest const& req, cRoute& route, std::string& detail
 
 bool FaultOf(std::uint16_t op, cFaultBackend::eFault& out) {
   switch (op) {
-    case hal::halop::kConfigureIPGateway: out = cFaultBackend::eFault::kReplace; return true;
-    case hal::halop::kConfigureIpDefaultGateway: out = cFaultBackend::eFault::kAppend; return true;
+    case hal::halop::kConfigureIPGateway:
+      out = cFaultBackend::eFault::kReplace;
+      return true;
+    case hal::halop::kConfigureIpDefaultGateway:
+      out = cFaultBackend::eFault::kAppend;
+      return true;
     case hal::halop::kRemoveIPGateway:
-    case hal::halop::kRemoveIPDefaultGateway: out = cFaultBackend::eFault::kRemove; return true;
-    default: return false;
+    case hal::halop::kRemoveIPDefaultGateway:
+      out = cFaultBackend::eFault::kRemove;
+      return true;
+    default:
+      return false;
   }
 }
 

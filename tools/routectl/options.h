@@ -7,7 +7,7 @@
 namespace routectl {
 
 struct cOptions {
-  bool halTable = false;  // --hal-table: list the HAL proxy's table instead
+  bool halTable = false;                  // --hal-table: list the HAL proxy's table instead
   std::string server = "127.0.0.1:3712";  // the route library's default access point
   std::string hal = "127.0.0.1:3710";     // the HAL proxy, for --hal-table
   std::string batch;                      // -b FILE; "-" is standard input; "" none

@@ -22,11 +22,16 @@ cDBConfigWanRoute::cDBConfigWanRoute(std::string const& name, std::string const&
 namespace {
 std::string SelectorText(std::uint8_t selector) {
   switch (selector) {
-    case kGwSelectorWired: return "wired";
-    case kGwSelectorWireless: return "wireless";
-    case kGwSelectorVpn: return "vpn";
-    case kGwSelectorOwn: return "own gateway";
-    default: return "nothing (selector " + std::to_string(selector) + ")";
+    case kGwSelectorWired:
+      return "wired";
+    case kGwSelectorWireless:
+      return "wireless";
+    case kGwSelectorVpn:
+      return "vpn";
+    case kGwSelectorOwn:
+      return "own gateway";
+    default:
+      return "nothing (selector " + std::to_string(selector) + ")";
   }
 }
 }  // namespace

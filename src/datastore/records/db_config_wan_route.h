@@ -24,8 +24,8 @@ class cDBConfigWanRoute : public cDBItem {
   // The name is the entry's key in its routing directory.
   explicit cDBConfigWanRoute(std::string const& name = "", std::string const& dir = "");
   cDBConfigWanRoute(std::string const& name, std::string const& dir, kest::s_socket_addr network,
-                    kest::s_socket_addr netmask, kest::s_socket_addr gateway,
-                    std::uint8_t selector, std::string const& description);
+                    kest::s_socket_addr netmask, kest::s_socket_addr gateway, std::uint8_t selector,
+                    std::string const& description);
   // "10.10.0.0/255.255.0.0 via wired (gw 0.0.0.0) "office LAN"", whatever the
   // format; the description part is left out when empty.
   std::string ToString(std::string const& format) const override;

@@ -16,9 +16,9 @@ class cDBStatusConnection : public cDBItem {
   std::string ToString(std::string const& format) const override;
 
   // Defaults: nothing known yet, offline, no WAN in use, no uptime.
-#define DATAIO_STATUS_CONNECTION(X)     \
-  X(kest::s_bool, m_online, false)      \
-  X(kest::s_uint8, m_activeWan, 0)      \
+#define DATAIO_STATUS_CONNECTION(X) \
+  X(kest::s_bool, m_online, false)  \
+  X(kest::s_uint8, m_activeWan, 0)  \
   X(kest::s_uint32, m_onlineSeconds, 0)
   DATAIO_MEMBERS(DATAIO_STATUS_CONNECTION)
 };

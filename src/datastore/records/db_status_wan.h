@@ -19,8 +19,8 @@ class cDBStatusWan : public cDBItem {
 
   // Defaults: no WAN state reported and no setup name known (empty until the
   // data manager says which setup is in force).
-#define DATAIO_STATUS_WAN(X)            \
-  X(kest::s_uint8, m_wanState, 0)       \
+#define DATAIO_STATUS_WAN(X)      \
+  X(kest::s_uint8, m_wanState, 0) \
   X(kest::s_string, m_wanSetupName, "")
   DATAIO_MEMBERS(DATAIO_STATUS_WAN)
 };

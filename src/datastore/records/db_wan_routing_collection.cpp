@@ -14,17 +14,14 @@ std::string cDBWanRoutingCollection::DirectoryFor(std::string const& setupName) 
 
 void cDBWanRoutingCollection::BeginSync() { m_routesReceived = m_routes; }
 
-bool cDBWanRoutingCollection::ReceiveItem(std::string const& name,
-                                          kest::cSerializeBuffer& bytes) {
+bool cDBWanRoutingCollection::ReceiveItem(std::string const& name, kest::cSerializeBuffer& bytes) {
   cDBConfigWanRoute route(name, GetDir());
   if (!route.Deserialize(bytes)) return false;
   m_routesReceived.insert_or_assign(name, route);
   return true;
 }
 
-void cDBWanRoutingCollection::RemoveItem(std::string const& name) {
-  m_routesReceived.erase(name);
-}
+void cDBWanRoutingCollection::RemoveItem(std::string const& name) { m_routesReceived.erase(name); }
 
 void cDBWanRoutingCollection::EndSync() { m_routes = m_routesReceived; }
 
@@ -32,8 +29,7 @@ bool cDBWanRoutingCollection::HasChanged() {
   if (m_routes.size() != m_routesReceived.size()) return true;
   for (auto inForce = m_routes.begin(), received = m_routesReceived.begin();
        inForce != m_routes.end(); ++inForce, ++received) {
-    if (inForce->first != received->first || !inForce->second.Equals(received->second))
-      return true;
+    if (inForce->first != received->first || !inForce->second.Equals(received->second)) return true;
   }
   return false;
 }

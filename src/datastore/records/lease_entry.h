@@ -9,9 +9,9 @@ namespace dataIO {
 
 class leaseEntry {
  public:
-#define DATAIO_LEASE_ENTRY(X)         \
-  X(kest::s_string, m_hostName, "")   \
-  X(kest::s_uint8, m_leaseState, 0)   \
+#define DATAIO_LEASE_ENTRY(X)       \
+  X(kest::s_string, m_hostName, "") \
+  X(kest::s_uint8, m_leaseState, 0) \
   X(kest::s_string, m_macAddress, "")
   DATAIO_FIELDS(DATAIO_LEASE_ENTRY)
 };

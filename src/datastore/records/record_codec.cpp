@@ -78,9 +78,15 @@ bool Write(kest::cSerializeBuffer& buf, cMembers members) {
     bool ok = false;
     switch (members.at[i].kind) {
       case cMember::kValue:
-      case cMember::kString: ok = static_cast<kest::ISerialize const*>(at)->Serialize(buf); break;
-      case cMember::kStringSet: ok = Write(buf, *static_cast<StringSet const*>(at)); break;
-      case cMember::kLeaseMap: ok = Write(buf, *static_cast<LeaseMap const*>(at)); break;
+      case cMember::kString:
+        ok = static_cast<kest::ISerialize const*>(at)->Serialize(buf);
+        break;
+      case cMember::kStringSet:
+        ok = Write(buf, *static_cast<StringSet const*>(at));
+        break;
+      case cMember::kLeaseMap:
+        ok = Write(buf, *static_cast<LeaseMap const*>(at));
+        break;
     }
     if (!ok) return false;
   }
@@ -94,9 +100,15 @@ bool Read(kest::cSerializeBuffer& buf, cMembers members) {
     bool ok = false;
     switch (members.at[i].kind) {
       case cMember::kValue:
-      case cMember::kString: ok = static_cast<kest::ISerialize*>(at)->Deserialize(buf); break;
-      case cMember::kStringSet: ok = Read(buf, *static_cast<StringSet*>(at)); break;
-      case cMember::kLeaseMap: ok = Read(buf, *static_cast<LeaseMap*>(at)); break;
+      case cMember::kString:
+        ok = static_cast<kest::ISerialize*>(at)->Deserialize(buf);
+        break;
+      case cMember::kStringSet:
+        ok = Read(buf, *static_cast<StringSet*>(at));
+        break;
+      case cMember::kLeaseMap:
+        ok = Read(buf, *static_cast<LeaseMap*>(at));
+        break;
     }
     if (!ok) return false;
   }
@@ -109,12 +121,18 @@ std::string Text(cMembers members) {
     void const* at = members.at[i].at;
     if (i > 0) out += ", ";
     switch (members.at[i].kind) {
-      case cMember::kValue: out += static_cast<kest::ISerialize const*>(at)->ToString(""); break;
+      case cMember::kValue:
+        out += static_cast<kest::ISerialize const*>(at)->ToString("");
+        break;
       case cMember::kString:
         out += Text(*static_cast<kest::s_string const*>(static_cast<kest::ISerialize const*>(at)));
         break;
-      case cMember::kStringSet: out += Text(*static_cast<StringSet const*>(at)); break;
-      case cMember::kLeaseMap: out += Text(*static_cast<LeaseMap const*>(at)); break;
+      case cMember::kStringSet:
+        out += Text(*static_cast<StringSet const*>(at));
+        break;
+      case cMember::kLeaseMap:
+        out += Text(*static_cast<LeaseMap const*>(at));
+        break;
     }
   }
   return out;

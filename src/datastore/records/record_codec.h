@@ -60,7 +60,7 @@ inline void Reset(kest::s_uint32& v, std::uint32_t d) { v.Set(d); }
 inline void Reset(kest::s_uint64& v, std::uint64_t d) { v.Set(d); }
 inline void Reset(kest::s_socket_addr& v, kest::s_socket_addr const& d) { v = d; }
 inline void Reset(StringSet& v, StringSet const&) { v.clear(); }  // always empty
-void Reset(LeaseMap& v, LeaseMap const&);                           // always empty
+void Reset(LeaseMap& v, LeaseMap const&);                         // always empty
 
 // The version header, then the members.
 bool WriteRecord(kest::ISerialize const& record, kest::cSerializeBuffer& buf, cMembers members);
@@ -82,36 +82,35 @@ std::string RecordText(std::string const& name, cMembers members);
 
 // A plain value's members and their table; they start as their types'
 // defaults (DEFAULT is documentation only).
-#define DATAIO_FIELDS(LIST)                                                       \
-  LIST(DATAIO_MEMBER_DECLARE)                                                     \
-  std::array<::dataIO::record_codec::cMember, 0 LIST(DATAIO_MEMBER_COUNT)> Members() \
-      const {                                                                     \
-    return {{LIST(DATAIO_MEMBER_REF)}};                                           \
+#define DATAIO_FIELDS(LIST)                                                                  \
+  LIST(DATAIO_MEMBER_DECLARE)                                                                \
+  std::array<::dataIO::record_codec::cMember, 0 LIST(DATAIO_MEMBER_COUNT)> Members() const { \
+    return {{LIST(DATAIO_MEMBER_REF)}};                                                      \
   }
 
 // A record's members and its SetDefault, which puts every DEFAULT in place.
-#define DATAIO_MEMBERS(LIST)  \
-  DATAIO_FIELDS(LIST)         \
+#define DATAIO_MEMBERS(LIST) \
+  DATAIO_FIELDS(LIST)        \
   void SetDefault() { LIST(DATAIO_MEMBER_DEFAULT) }
 
 // The operations every record class shares; used once in its public section.
-#define DATAIO_RECORD(CLASS)                                                      \
-  KEST_GARBAGE_COLLECTABLE                                                        \
-  CLASS(const CLASS&) = default;                                                  \
-  CLASS& operator=(const CLASS&) = default;                                       \
-  int Version() const override { return 1; }                                      \
-  std::string TypeName() const override { return #CLASS; }                        \
-  using cDBItem::Serialize;                                                       \
-  using cDBItem::Deserialize;                                                     \
-  bool Serialize(kest::cSerializeBuffer& buf) const override {                    \
-    return record_codec::WriteRecord(*this, buf, Members());                      \
-  }                                                                               \
-  /* Decodes into a copy so a record that fails half-way is rejected whole */    \
-  /* and keeps its previous content. */                                           \
-  bool Deserialize(kest::cSerializeBuffer& buf) override {                        \
-    CLASS next(*this);                                                            \
-    if (!record_codec::ReadRecord(next, buf, next.Members())) return false;       \
-    *this = next;                                                                 \
-    return true;                                                                  \
-  }                                                                               \
+#define DATAIO_RECORD(CLASS)                                                  \
+  KEST_GARBAGE_COLLECTABLE                                                    \
+  CLASS(const CLASS&) = default;                                              \
+  CLASS& operator=(const CLASS&) = default;                                   \
+  int Version() const override { return 1; }                                  \
+  std::string TypeName() const override { return #CLASS; }                    \
+  using cDBItem::Serialize;                                                   \
+  using cDBItem::Deserialize;                                                 \
+  bool Serialize(kest::cSerializeBuffer& buf) const override {                \
+    return record_codec::WriteRecord(*this, buf, Members());                  \
+  }                                                                           \
+  /* Decodes into a copy so a record that fails half-way is rejected whole */ \
+  /* and keeps its previous content. */                                       \
+  bool Deserialize(kest::cSerializeBuffer& buf) override {                    \
+    CLASS next(*this);                                                        \
+    if (!record_codec::ReadRecord(next, buf, next.Members())) return false;   \
+    *this = next;                                                             \
+    return true;                                                              \
+  }                                                                           \
   cDBItem* Clone() const override { return new CLASS(*this); }
