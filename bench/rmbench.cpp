@@ -380,19 +380,20 @@ int CmdConfig(cArgs const& a) {
       "{\n  \"status\": {\"wanSetup\": \"bench\"},\n"
       "  \"wanSetups\": {\n    \"bench\": {\n      \"routing\": {\n";
   for (long i = 0; i < m; ++i) {
-    out += "        \"c" + std::to_string(i) + "\": {\"network\": \"" +
+    // Compact, without a line a route: 12,000 + 1,000 routes stay under
+    // datamgr's 1 MiB limit for its file.
+    out += "\"c" + std::to_string(i) + "\":{\"network\":\"" +
            bench::Dotted(bench::ConfiguredNetwork(static_cast<std::uint32_t>(i))) +
-           "\", \"netmask\": \"255.255.255.240\", \"via\": \"own\", \"gateway\": \"" +
-           bench::kGateway + "\"}" + (i + 1 < m ? ",\n" : "\n");
+           "\",\"netmask\":\"255.255.255.240\",\"via\":\"own\",\"gateway\":\"" + bench::kGateway +
+           "\"}" + (i + 1 < m ? ",\n" : "\n");
   }
   out += "      }\n    }";
   if (w > 0) {
     out += ",\n    \"wired\": {\n      \"routing\": {\n";
     for (long i = 0; i < w; ++i) {
-      out += "        \"w" + std::to_string(i) + "\": {\"network\": \"" +
+      out += "\"w" + std::to_string(i) + "\":{\"network\":\"" +
              bench::Dotted(bench::WiredNetwork(static_cast<std::uint32_t>(i))) +
-             "\", \"netmask\": \"255.255.255.240\", \"via\": \"wired\"}" +
-             (i + 1 < w ? ",\n" : "\n");
+             "\",\"netmask\":\"255.255.255.240\",\"via\":\"wired\"}" + (i + 1 < w ? "," : "\n");
     }
     out += "      }\n    }";
   }
