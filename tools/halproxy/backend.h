@@ -49,6 +49,12 @@ class IRouteBackend {
   // Removes exactly this route of ours (destination, prefix, type, gateway,
   // metric); one that is not there is success.
   [[nodiscard]] virtual cResult Remove(cRoute const& route) = 0;
+  // Removes routes in order, each as Remove would; results[i] answers
+  // routes[i]. Overridden as InstallMany is.
+  virtual void RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) {
+    results.clear();
+    for (cRoute const& route : routes) results.push_back(Remove(route));
+  }
   // The main table's IPv4 routes in table order, ours flagged.
   [[nodiscard]] virtual cResult List(std::vector<cTableRoute>& routes) = 0;
   // changed runs (from the loop) whenever routes of ours may have gone

@@ -40,4 +40,13 @@ cResult cFaultBackend::Remove(cRoute const& route) {
   return m_inner.Remove(route);
 }
 
+void cFaultBackend::RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) {
+  if (m_faults.count(eFault::kRemove) == 0) {
+    m_inner.RemoveMany(routes, results);
+    return;
+  }
+  results.clear();
+  for (cRoute const& route : routes) results.push_back(Remove(route));
+}
+
 }  // namespace halproxy

@@ -23,6 +23,7 @@ class cFaultBackend : public IRouteBackend {
   void InstallMany(std::vector<cRoute> const& routes, eInstall how,
                    std::vector<cResult>& results) override;
   cResult Remove(cRoute const& route) override;
+  void RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) override;
   cResult List(std::vector<cTableRoute>& routes) override { return m_inner.List(routes); }
   bool Watch(std::function<void()> changed) override { return m_inner.Watch(std::move(changed)); }
 

@@ -145,34 +145,72 @@ void cRouteKeeper::Configure(std::vector<cRoute> const& routes, std::vector<cRes
 }
 
 cResult cRouteKeeper::Remove(cRoute const& route) {
-  auto matches = [&](cRoute const& r) {
-    return r.dst == route.dst && r.prefixLen == route.prefixLen && r.type == route.type &&
-           (route.gateway == 0 || r.gateway == route.gateway);
+  std::vector<cResult> results;
+  RemoveMany({route}, results);
+  return results.front();
+}
+
+void cRouteKeeper::RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) {
+  results.assign(routes.size(), cResult());
+  // The removals found go to the backend together. A request for a
+  // destination that one of them has sends them first: it must see the
+  // table as the ones before it left it.
+  std::set<std::pair<std::uint32_t, std::uint8_t>> queued;
+  m_toRemove.clear();
+  m_toRemoveAt.clear();
+  auto send = [&] {
+    if (m_toRemove.empty()) return;
+    m_backend.RemoveMany(m_toRemove, m_removed);
+    for (std::size_t k = 0; k < m_toRemoveAt.size(); ++k) {
+      cResult const r =
+          k < m_removed.size() ? m_removed[k] : cResult{-EIO, "no answer from the backend"};
+      if (r.code == 0) Removed(m_toRemove[k]);
+      results[m_toRemoveAt[k]] = r;
+    }
+    m_toRemove.clear();
+    m_toRemoveAt.clear();
+    queued.clear();
   };
-  for (auto it = m_routes.lower_bound(cKey{route.dst, route.prefixLen, 0});
-       it != m_routes.end() && it->second.route.dst == route.dst &&
-       it->second.route.prefixLen == route.prefixLen;
-       ++it) {
-    if (matches(it->second.route)) {
-      m_routes.erase(it);
-      break;
+  for (std::size_t i = 0; i < routes.size(); ++i) {
+    cRoute const& route = routes[i];
+    auto matches = [&](cRoute const& r) {
+      return r.dst == route.dst && r.prefixLen == route.prefixLen && r.type == route.type &&
+             (route.gateway == 0 || r.gateway == route.gateway);
+    };
+    for (auto it = m_routes.lower_bound(cKey{route.dst, route.prefixLen, 0});
+         it != m_routes.end() && it->second.route.dst == route.dst &&
+         it->second.route.prefixLen == route.prefixLen;
+         ++it) {
+      if (matches(it->second.route)) {
+        m_routes.erase(it);
+        break;
+      }
     }
-  }
-  cResult listed = Load();
-  if (listed.code != 0) return listed;
-  cTableRoute const* theirs = nullptr;
-  auto range = Prefix(route.dst, route.prefixLen);
-  for (auto it = range.first; it != range.second; ++it) {
-    cTableRoute const& e = it->second;
-    if (!matches(e.route)) continue;
-    if (e.ours) {
-      m_routes.erase(KeyOf(e.route));
-      cRoute const gone = e.route;
-      return RemoveRoute(gone);
+    if (queued.count({route.dst, route.prefixLen}) != 0) send();
+    cResult listed = Load();
+    if (listed.code != 0) {
+      results[i] = listed;
+      continue;
     }
-    if (theirs == nullptr) theirs = &e;
+    cTableRoute const* theirs = nullptr;
+    bool found = false;
+    auto range = Prefix(route.dst, route.prefixLen);
+    for (auto it = range.first; it != range.second && !found; ++it) {
+      cTableRoute const& e = it->second;
+      if (!matches(e.route)) continue;
+      if (e.ours) {
+        m_routes.erase(KeyOf(e.route));
+        m_toRemove.push_back(e.route);
+        m_toRemoveAt.push_back(i);
+        queued.insert({route.dst, route.prefixLen});
+        found = true;
+      } else if (theirs == nullptr) {
+        theirs = &e;
+      }
+    }
+    if (!found && theirs != nullptr) results[i] = NotOurs(theirs->route);
   }
-  return theirs != nullptr ? NotOurs(theirs->route) : cResult{};
+  send();
 }
 
 cResult cRouteKeeper::ConfigureDefault(std::uint32_t gateway, std::uint32_t metric,

@@ -35,6 +35,9 @@ class cRouteKeeper {
   // Removes our first route to route's destination and prefix of its type,
   // via its gateway unless that is 0. Nothing to remove is success.
   cResult Remove(cRoute const& route);
+  // Removes as Remove would, one after the other, in as few exchanges with
+  // the backend as that allows; results[i] answers routes[i].
+  void RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results);
   // Default gateways do not replace each other: any number with equal
   // metrics; a new metric for a gateway replaces its old route (new first).
   cResult ConfigureDefault(std::uint32_t gateway, std::uint32_t metric,
@@ -108,6 +111,9 @@ class cRouteKeeper {
   std::vector<cRoute> m_toInstall;
   std::vector<std::size_t> m_toInstallAt;
   std::vector<cResult> m_installed;
+  std::vector<cRoute> m_toRemove;
+  std::vector<std::size_t> m_toRemoveAt;
+  std::vector<cResult> m_removed;
   cResultLog m_restoreLog;
 };
 

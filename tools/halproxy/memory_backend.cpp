@@ -1,13 +1,14 @@
 #include "memory_backend.h"
 
 #include <algorithm>
-#include <tuple>
 
 namespace halproxy {
 
 namespace {
 
-auto Key(cRoute const& r) { return std::make_tuple(r.dst, r.prefixLen, r.metric); }
+std::tuple<std::uint32_t, std::uint8_t, std::uint32_t> Key(cRoute const& r) {
+  return {r.dst, r.prefixLen, r.metric};
+}
 
 }  // namespace
 
@@ -19,12 +20,7 @@ bool cMemoryBackend::InterfaceExists(std::string const& name) const {
   return m_interfaces.empty() || m_interfaces.count(name) != 0;
 }
 
-void cMemoryBackend::Insert(cTableRoute const& entry) {
-  auto pos = std::upper_bound(
-      m_table.begin(), m_table.end(), entry,
-      [](cTableRoute const& a, cTableRoute const& b) { return Key(a.route) < Key(b.route); });
-  m_table.insert(pos, entry);
-}
+void cMemoryBackend::Insert(cTableRoute const& entry) { m_table.emplace(Key(entry.route), entry); }
 
 cResult cMemoryBackend::Install(cRoute const& route, eInstall how) {
   if (!route.ifname.empty() && !InterfaceExists(route.ifname)) {
@@ -35,35 +31,35 @@ cResult cMemoryBackend::Install(cRoute const& route, eInstall how) {
   }
   if (m_down.count(route.ifname) != 0)
     return {-ENETDOWN, "interface '" + route.ifname + "' is down"};
-  auto first = std::find_if(m_table.begin(), m_table.end(),
-                            [&](cTableRoute const& e) { return SameKey(e.route, route); });
-  auto same = std::find_if(first, m_table.end(),
-                           [&](cTableRoute const& e) { return e.ours && e.route == route; });
-  if (same != m_table.end() && !SameKey(same->route, route)) same = m_table.end();
-  if (how == eInstall::kAppend || first == m_table.end()) {
-    if (same != m_table.end()) return {-EEXIST, ""};
+  auto const [first, end] = m_table.equal_range(Key(route));
+  auto same = std::find_if(first, end,
+                           [&](auto const& e) { return e.second.ours && e.second.route == route; });
+  if (how == eInstall::kAppend || first == end) {
+    if (same != end) return {-EEXIST, ""};
     Insert({route, true});
     return {};
   }
   if (same == first) return {};
   // An identical route further down (two routes of one key exist only by
   // appending) is refused as the kernel does rather than duplicated.
-  if (same != m_table.end()) return {-EEXIST, ""};
-  *first = {route, true};
+  if (same != end) return {-EEXIST, ""};
+  first->second = {route, true};
   return {};
 }
 
 cResult cMemoryBackend::Remove(cRoute const& route) {
-  auto it = std::find_if(m_table.begin(), m_table.end(), [&](cTableRoute const& e) {
-    cRoute const& r = e.route;
-    return e.ours && SameKey(r, route) && r.type == route.type && r.gateway == route.gateway;
+  auto const [first, end] = m_table.equal_range(Key(route));
+  auto it = std::find_if(first, end, [&](auto const& e) {
+    cRoute const& r = e.second.route;
+    return e.second.ours && r.type == route.type && r.gateway == route.gateway;
   });
-  if (it != m_table.end()) m_table.erase(it);
+  if (it != end) m_table.erase(it);
   return {};
 }
 
 cResult cMemoryBackend::List(std::vector<cTableRoute>& routes) {
-  routes = m_table;
+  routes.clear();
+  for (auto const& e : m_table) routes.push_back(e.second);
   return {};
 }
 
@@ -73,9 +69,9 @@ void cMemoryBackend::AddForeign(cRoute const& route) {
 }
 
 void cMemoryBackend::Lose(std::function<bool(cRoute const&)> const& which) {
-  m_table.erase(std::remove_if(m_table.begin(), m_table.end(),
-                               [&](cTableRoute const& e) { return which(e.route); }),
-                m_table.end());
+  for (auto it = m_table.begin(); it != m_table.end();) {
+    it = which(it->second.route) ? m_table.erase(it) : std::next(it);
+  }
   Notify();
 }
 

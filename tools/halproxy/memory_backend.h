@@ -3,9 +3,12 @@
 // parties' routes in it and take routes away as a person or a link would.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "backend.h"
@@ -43,8 +46,9 @@ class cMemoryBackend : public IRouteBackend {
   std::set<std::string> m_interfaces;
   std::set<std::string> m_down;
   // Kept in the kernel's order: by destination, prefix and metric, and in
-  // order of arrival among routes of the same key.
-  std::vector<cTableRoute> m_table;
+  // order of arrival among routes of the same key (as a multimap keeps them).
+  using cKey = std::tuple<std::uint32_t, std::uint8_t, std::uint32_t>;
+  std::multimap<cKey, cTableRoute> m_table;
   std::function<void()> m_changed;
 };
 

@@ -215,11 +215,9 @@ void cNetlinkBackend::InstallMany(std::vector<cRoute> const& routes, eInstall ho
     cResult result;
     std::uint32_t index;
   };
-  std::vector<cIfIndex> ifaces;      // a handful of names: a list beats a map
-  std::vector<std::size_t> indexes;  // the routes whose messages are in m_batch
-  std::uint32_t firstSeq = 0;
-  std::size_t lastAt = 0;  // where m_batch's last message starts
+  std::vector<cIfIndex> ifaces;  // a handful of names: a list beats a map
   m_batch.clear();
+  m_chunk.clear();
   for (std::size_t i = 0; i < routes.size(); ++i) {
     cRoute const& route = routes[i];
     nl::cNlRoute r = Ours(route);
@@ -244,24 +242,35 @@ void cNetlinkBackend::InstallMany(std::vector<cRoute> const& routes, eInstall ho
     }
     r.priority = route.metric;
     r.hasPriority = true;
-    std::uint32_t const seq = NextSeq();
-    if (indexes.empty()) firstSeq = seq;
-    lastAt = m_batch.size();
-    // SendChunk asks for the ack of the chunk's last message only.
-    nl::AppendNewRoute(m_batch, r, flags, seq);
-    indexes.push_back(i);
-    if (indexes.size() >= m_chunkMessages || m_batch.size() + nl::kRouteMessageMax > kChunkBytes) {
-      SendChunk(firstSeq, lastAt, indexes, results);
-      indexes.clear();
-      m_batch.clear();
-    }
+    nl::AppendNewRoute(m_batch, r, flags, ChunkMessage(i));
+    EndChunkMessage(results, false);
   }
-  if (!indexes.empty()) SendChunk(firstSeq, lastAt, indexes, results);
+  EndChunkMessage(results, true);
 }
 
-void cNetlinkBackend::SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
-                                std::vector<std::size_t> const& indexes,
-                                std::vector<cResult>& results) {
+std::uint32_t cNetlinkBackend::ChunkMessage(std::size_t i) {
+  std::uint32_t const seq = NextSeq();
+  if (m_chunk.empty()) m_chunkFirstSeq = seq;
+  m_chunkLastAt = m_batch.size();
+  m_chunk.push_back(i);
+  return seq;
+}
+
+void cNetlinkBackend::EndChunkMessage(std::vector<cResult>& results, bool last) {
+  if (m_chunk.empty()) return;
+  if (!last && m_chunk.size() < m_chunkMessages &&
+      m_batch.size() + nl::kRouteMessageMax <= kChunkBytes) {
+    return;
+  }
+  SendChunk(results);
+  m_chunk.clear();
+  m_batch.clear();
+}
+
+void cNetlinkBackend::SendChunk(std::vector<cResult>& results) {
+  std::vector<std::size_t> const& indexes = m_chunk;
+  std::uint32_t const firstSeq = m_chunkFirstSeq;
+  std::size_t const lastAt = m_chunkLastAt;
   std::size_t const count = indexes.size();
   std::vector<bool> answered(count, false);
   auto failUnanswered = [&](int rc, std::string const& detail) {
@@ -398,12 +407,26 @@ void cNetlinkBackend::ReadNotifications() {
 }
 
 cResult cNetlinkBackend::Remove(cRoute const& route) {
-  nl::cNlRoute r = Ours(route);
-  r.priority = route.metric;
-  r.hasPriority = true;
-  cResult result = Transact(nl::BuildDelRoute(RemovalOf(r), NextSeq()), nullptr);
-  if (result.code == -ESRCH) return {};  // gone already
-  return result;
+  std::vector<cResult> results;
+  RemoveMany({route}, results);
+  return results.front();
+}
+
+void cNetlinkBackend::RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) {
+  results.assign(routes.size(), cResult());
+  m_batch.clear();
+  m_chunk.clear();
+  for (std::size_t i = 0; i < routes.size(); ++i) {
+    nl::cNlRoute r = Ours(routes[i]);
+    r.priority = routes[i].metric;
+    r.hasPriority = true;
+    nl::AppendDelRoute(m_batch, RemovalOf(r), ChunkMessage(i));
+    EndChunkMessage(results, false);
+  }
+  EndChunkMessage(results, true);
+  for (cResult& result : results) {
+    if (result.code == -ESRCH) result = {};  // gone already
+  }
 }
 
 cResult cNetlinkBackend::List(std::vector<cTableRoute>& routes) {

@@ -28,6 +28,7 @@ class cNetlinkBackend : public IRouteBackend {
   void InstallMany(std::vector<cRoute> const& routes, eInstall how,
                    std::vector<cResult>& results) override;
   cResult Remove(cRoute const& route) override;
+  void RemoveMany(std::vector<cRoute> const& routes, std::vector<cResult>& results) override;
   cResult List(std::vector<cTableRoute>& routes) override;
   // Listens to the kernel's link, address and route notifications on a
   // socket of their own, watched by the process's loop.
@@ -38,10 +39,13 @@ class cNetlinkBackend : public IRouteBackend {
   cResult Transact(std::vector<std::uint8_t> const& msg, std::vector<nl::cNlRoute>* dump);
   cResult InterfaceIndex(std::string const& name, std::uint32_t& index);
   std::string InterfaceName(std::uint32_t index);
-  // Sends m_batch, the messages numbered firstSeq... of the routes at
-  // indexes (the last one starting at lastAt), and stores their answers.
-  void SendChunk(std::uint32_t firstSeq, std::size_t lastAt,
-                 std::vector<std::size_t> const& indexes, std::vector<cResult>& results);
+  // Route messages go in chunks (m_batch): ChunkMessage numbers the message
+  // of the request at index i about to be appended; EndChunkMessage sends
+  // the chunk once it is full, or when it is the last; SendChunk sends it
+  // and stores the answers of its messages in results.
+  std::uint32_t ChunkMessage(std::size_t i);
+  void EndChunkMessage(std::vector<cResult>& results, bool last);
+  void SendChunk(std::vector<cResult>& results);
   void OpenEvents();
   void ReadNotifications();
   std::uint32_t NextSeq() { return ++m_seq; }
@@ -56,6 +60,9 @@ class cNetlinkBackend : public IRouteBackend {
   std::function<void()> m_changed;
   std::vector<std::uint8_t> m_recvBuf;  // reused by every exchange
   std::vector<std::uint8_t> m_batch;    // the chunk being built, reused
+  std::vector<std::size_t> m_chunk;     // the requests whose messages are in m_batch
+  std::uint32_t m_chunkFirstSeq = 0;    // the number of m_batch's first message
+  std::size_t m_chunkLastAt = 0;        // where m_batch's last message starts
   std::vector<nl::cNlAck> m_acks;       // answers of one datagram, reused
   std::size_t m_chunkMessages = 1;      // as many as the receive buffer has answers for
 };

@@ -161,6 +161,10 @@ void AppendNewRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::
   PutRoute(buf, RTM_NEWROUTE, flags, route, seq);
 }
 
+void AppendDelRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint32_t seq) {
+  PutRoute(buf, RTM_DELROUTE, 0, route, seq);
+}
+
 std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq) {
   return BuildRoute(RTM_DELROUTE, NLM_F_ACK, route, seq);
 }

@@ -41,6 +41,7 @@ constexpr std::size_t kRouteMessageMax = 256;
 // The same message appended to buf, so many of them go in one datagram.
 void AppendNewRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint16_t flags,
                     std::uint32_t seq);
+void AppendDelRoute(std::vector<std::uint8_t>& buf, cNlRoute const& route, std::uint32_t seq);
 [[nodiscard]] std::vector<std::uint8_t> BuildDelRoute(cNlRoute const& route, std::uint32_t seq);
 [[nodiscard]] std::vector<std::uint8_t> BuildRouteDump(std::uint32_t seq);
 

@@ -225,12 +225,15 @@ void cHalProxy::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
     return;
   }
   std::string detail;
-  bool const install = req.op == hal::halop::kConfigureIPGateway;
-  if (install) {
+  bool const routeOp =
+      req.op == hal::halop::kConfigureIPGateway || req.op == hal::halop::kRemoveIPGateway;
+  if (routeOp) {
     cRoute route;
     rc = RouteOf(req, route, detail);
     if (rc > 0) {
-      // Installations of one read go to the backend together (OnFramesDone).
+      // Route requests of one read go to the backend together, as long as
+      // they ask the same (OnFramesDone).
+      if (!m_pending.empty() && m_pending.front().req.op != req.op) FlushPending(channel);
       m_pendingRoutes.push_back(std::move(route));
       m_pending.push_back(cPending{frame.id, std::move(req)});
       return;
@@ -238,7 +241,7 @@ void cHalProxy::OnFrame(kest::cChannel* channel, kest::cFrame& frame) {
   }
   // Everything else is done, and answered, in the order it was asked.
   FlushPending(channel);
-  if (!install) rc = Execute(req, lines, detail, channel);
+  if (!routeOp) rc = Execute(req, lines, detail, channel);
   Log(req, rc, detail);
   Answer(channel, frame.id, frame.op, rc, lines);
 }
@@ -247,17 +250,25 @@ void cHalProxy::OnFramesDone(kest::cChannel* channel) { FlushPending(channel); }
 
 void cHalProxy::FlushPending(kest::cChannel* channel) {
   if (m_pending.empty()) return;
-  m_keeper.Configure(m_pendingRoutes, m_results, channel);
+  std::uint16_t const op = m_pending.front().req.op;
+  if (op == hal::halop::kConfigureIPGateway) {
+    m_keeper.Configure(m_pendingRoutes, m_results, channel);
+  } else {
+    m_keeper.RemoveMany(m_pendingRoutes, m_results);
+  }
   static std::vector<std::string> const none;
   for (std::size_t i = 0; i < m_pending.size(); ++i) {
     Log(m_pending[i].req, m_results[i].code, m_results[i].detail);
-    Answer(channel, m_pending[i].id, hal::halop::kConfigureIPGateway, m_results[i].code, none);
+    Answer(channel, m_pending[i].id, op, m_results[i].code, none);
   }
   m_pending.clear();
   m_pendingRoutes.clear();
 }
 
 void cHalProxy::Log(hal::cHalRequest const& req, int rc, std::string const& detail) {
+  // Thousands of successes a second: none of them costs a text unless it is
+  // logged, or ends a run of failures.
+  if (rc == 0 && m_log.Empty() && !kest::cTracepoint::Enabled(kLevelDebug)) return;
   std::string const what = hal::Describe(req);
   HALPROXY_LOG(m_log.Level(what, rc), "%s -> %s", what.c_str(), ResultText(rc, detail).c_str());
 }

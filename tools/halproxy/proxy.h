@@ -51,8 +51,8 @@ class cHalProxy : public kest::IServerHandler {
   void OnClose(kest::cChannel* channel) override;
 
  private:
-  // A route installation of the current read, waiting to go to the backend
-  // with the others of that read.
+  // A route installation or removal of the current read, waiting to go to
+  // the backend with the others of that read.
   struct cPending {
     std::uint32_t id;
     hal::cHalRequest req;

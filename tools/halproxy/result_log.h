@@ -13,6 +13,8 @@ class cResultLog {
  public:
   // The level to log what's result rc at; remembers rc for next time.
   char const* Level(std::string const& what, int rc);
+  // Whether no request is failing: a success then changes nothing.
+  bool Empty() const { return m_failing.empty(); }
 
  private:
   // Only requests whose last result was a failure, bounded: past the bound
