@@ -1,5 +1,6 @@
 #include "kest/properties.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -82,7 +83,8 @@ TEST(Trace, OneLineOnStderrPerTraceAndNothingOnStdout) {
 
 // SIGUSR1 comes without SA_RESTART (as the daemon installs it) while a child's
 // standard error is a full pipe: every write that waits for room is
-// interrupted, again and again, and still each line arrives whole.
+// interrupted, again and again, and still each line arrives whole; also once
+// the pipe has been made non-blocking.
 TEST(Trace, NoLineLostWhenSignalsInterruptWritesToAFullStderr) {
   constexpr int kLines = 3000;  // some 300 KiB: the pipe fills many times over
   int fds[2];
@@ -95,7 +97,10 @@ TEST(Trace, NoLineLostWhenSignalsInterruptWritesToAFullStderr) {
     dup2(fds[1], STDERR_FILENO);
     kest::cTracepoint::SelectSink("stderr");
     std::string const filler(90, 'x');
-    for (int i = 0; i < kLines; ++i) KEST_TRACE("M", "005", "line %d %s", i, filler.c_str());
+    for (int i = 0; i < kLines; ++i) {
+      if (i == kLines / 2) fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);  // somebody's doing
+      KEST_TRACE("M", "005", "line %d %s", i, filler.c_str());
+    }
     _exit(0);
   }
   sigaction(SIGUSR1, &before, nullptr);
