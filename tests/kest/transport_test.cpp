@@ -1,11 +1,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <cstring>
 #include <memory>
+#include <thread>
 
+#include "kest/call_once.h"
 #include "kest/hello.h"
 #include "kest/message.h"
 #include "kest/server.h"
@@ -378,6 +381,33 @@ TEST_F(TransportTest, OneUserCannotTakeEverySlot) {
   EXPECT_EQ(nobody[2]->Refusal(), "uid 65534 holds 2 connections, the limit per user");
   EXPECT_EQ(nobody[0]->Greet() + nobody[1]->Greet(), "acceptedaccepted");
   EXPECT_EQ(RawClient(ap).Greet(), "accepted");  // root, while nobody holds its two
+}
+
+// A one-shot caller (the command-line tools) says why it got no answer.
+TEST(CallOnce, APeerThatAnswersGarbageOrNothingIsNamed) {
+  struct Case {
+    Bytes answer;
+    char const* said;
+  } const cases[] = {
+      {Wire(kest::AcceptFrame(1, kSelf)), "closed the connection without a reply"},
+      {{0x07, 0x00, 0x00, 0x00, 0x09}, "bad reply from 127.0.0.1:"},
+  };
+  for (auto const& c : cases) {
+    Listener listener;
+    std::thread peer([&] {
+      pollfd p{listener.fd, POLLIN, 0};
+      poll(&p, 1, 5000);
+      RawEnd end(accept(listener.fd, nullptr, nullptr));
+      char request[512];
+      EXPECT_GT(recv(end.fd, request, sizeof request, 0), 0);
+      end.Send(c.answer);
+    });
+    kest::cSerializeBuffer reply;
+    std::string error;
+    EXPECT_FALSE(kest::CallOnce(listener.Ap(), kSelf, 5000, 9, {}, reply, error));
+    peer.join();
+    EXPECT_NE(error.find(c.said), std::string::npos) << error;
+  }
 }
 
 }  // namespace
