@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -238,7 +238,8 @@ TEST_F(TransportTest, AClientThatCannotGetInBacksOffOneLineAnAttempt) {
   struct Case {
     std::string ap, why;
   } const cases[] = {
-      {Listener().Ap(), "errno:111/Connection refused"},  // a port that refuses once that listener is gone
+      // A port that refuses once that listener is gone.
+      {Listener().Ap(), "errno:111/Connection refused"},
       {refusing, refusing + " is the test service, not the other service"},
       {dropping.Ap(), "closed by peer"},
   };
@@ -254,7 +255,9 @@ TEST_F(TransportTest, AClientThatCannotGetInBacksOffOneLineAnAttempt) {
         return Traced(traces, "cannot connect to ") == tries + 1;
       }));
       std::string const last = traces.Messages().back();
-      EXPECT_EQ(last.substr(last.find("cannot")), kest::FormatString("cannot connect to %s (%s); retrying in %u ms", c.ap.c_str(), c.why.c_str(), delay));
+      EXPECT_EQ(last.substr(last.find("cannot")),
+                kest::FormatString("cannot connect to %s (%s); retrying in %u ms", c.ap.c_str(),
+                                   c.why.c_str(), delay));
       if (delay == 3200) {
         client.Stop();
         ASSERT_TRUE(client.Start());
@@ -264,8 +267,7 @@ TEST_F(TransportTest, AClientThatCannotGetInBacksOffOneLineAnAttempt) {
       EXPECT_EQ(Traced(traces, "cannot connect to "), ++tries);
       clock.Advance(1);
     }
-    EXPECT_EQ(traces.Messages().size(),
-              tries + Traced(traces, "refusing connection from "));
+    EXPECT_EQ(traces.Messages().size(), tries + Traced(traces, "refusing connection from "));
     EXPECT_EQ(client.log, Strings{});
   }
   EXPECT_EQ(log, Strings{});
@@ -336,7 +338,6 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
   EXPECT_EQ(RawClient(ap).Greet(kOther), "this is test, not other");
   EXPECT_EQ(log, Strings{});  // the handler heard of none of them
 }
-
 
 TEST_F(TransportTest, APeerThatStallsInItsHelloOrInAFrameIsClosedIdleOnesStay) {
   kest::cManualClock clock;
