@@ -281,12 +281,17 @@ TEST_F(TransportTest, TheWatcherPostsWhenBothAreUpAndALastingConnectionResetsThe
     void ProcessMsg(kest::cMsg& msg) override { got.push_back(msg.Name()); }
   } sink;
   kest::cServiceClientWatcher watcher(&sink, "ALL-UP");
-  std::string const ap = Listen("127.0.0.1:0");
+  std::string const ap = Listener().Ap();  // refuses until the server listens on it
   TestClient a(ap, &watcher), b(ap, &watcher);
   watcher.Add(&a);
   watcher.Add(&b);
   auto bothUp = [&] { return PumpUntil([&] { return a.IsConnected() && b.IsConnected(); }); };
   ASSERT_TRUE(a.Start());
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, "cannot connect to ") == 1; }));
+  clock.Advance(100);
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, "cannot connect to ") == 2; }));
+  Listen(ap);
+  clock.Advance(200);
   ASSERT_TRUE(PumpUntil([&] { return a.IsConnected(); }));
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(sink.got, Strings{});
@@ -295,6 +300,7 @@ TEST_F(TransportTest, TheWatcherPostsWhenBothAreUpAndALastingConnectionResetsThe
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(sink.got, Strings{"ALL-UP"});
 
+  // After a connection that lasted, the backoff starts again from its first step.
   clock.Advance(kest::cServiceClient::kStableMs);
   server.Close();
   ASSERT_TRUE(PumpUntil([&] { return !a.IsConnected() && !b.IsConnected(); }));
