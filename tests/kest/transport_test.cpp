@@ -103,6 +103,7 @@ TEST_F(TransportTest, APeerNotReadingIsDroppedAtTheSendLimit) {
   EXPECT_TRUE(Traced(traces, "closing connection peer: peer is not reading: "));
   EXPECT_TRUE(Traced(traces, "send limit of 32768 bytes reached"));
 }
+
 TEST_F(TransportTest, GarbageOrACutFrameClosesOnlyThatConnectionAndFreesItsPlace) {
   kest::cServerLimits limits;
   limits.maxConnections = 3;
@@ -131,6 +132,7 @@ TEST_F(TransportTest, GarbageOrACutFrameClosesOnlyThatConnectionAndFreesItsPlace
                           "close " + cut.Me(), "open " + good.Me()}));
   EXPECT_EQ(RawClient(ap).Echo(2, "b"), "2 2 9 b");
 }
+
 TEST_F(TransportTest, UnixSocketModeAndUidAllowList) {
   std::string const path = kest::FormatString("/tmp/kest-server-test-%d.sock", getpid());
   kest::cServerLimits limits;
@@ -164,6 +166,7 @@ TEST_F(TransportTest, UnixSocketModeAndUidAllowList) {
   EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
   EXPECT_EQ(unlink(path.c_str()), 0);
 }
+
 TEST_F(TransportTest, CloseFromInsideAFrameCallbackClosesEachChannelOnce) {
   std::string ap = Listen("0.0.0.0:0");  // allowed, with a warning
   EXPECT_TRUE(Traced(traces, "listening on 0.0.0.0:" + std::to_string(server.BoundPort())));
@@ -178,6 +181,7 @@ TEST_F(TransportTest, CloseFromInsideAFrameCallbackClosesEachChannelOnce) {
   kest::Loop().RunUntilIdle();
   EXPECT_EQ(log.size(), 5u);  // two opens, one frame, two closes
 }
+
 TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
   struct Case {
     char const* peer;
@@ -371,6 +375,7 @@ TEST_F(TransportTest, APeerThatStallsInItsHelloOrInAFrameIsClosedIdleOnesStay) {
   clock.Advance(60000);
   EXPECT_EQ(idle.Echo(6, "still"), "2 6 9 still");
 }
+
 // The peer's credentials are those in effect when it connects.
 TEST_F(TransportTest, OneUserCannotTakeEverySlot) {
   if (getuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
