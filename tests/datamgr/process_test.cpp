@@ -41,13 +41,11 @@ class cDatamgr {
   }
   void Signal(int sig) const { m_process.Signal(sig); }
   int Stop() { return m_process.Stop(); }
-  // A command run to its end: its exit status.
-  int Run(std::string const& command) const {
-    int const status = std::system((command + " >/dev/null 2>>" + m_dir.File("log")).c_str());
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
+  // datactl run to its end: its exit status.
   int Datactl(std::string const& args) const {
-    return Run(DATACTL_BIN " --server " + Sap() + " " + args);
+    std::string const cmd = DATACTL_BIN " --server " + Sap() + " " + args;
+    int const status = std::system((cmd + " >/dev/null 2>>" + m_dir.File("log")).c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:

@@ -23,9 +23,8 @@ class cProxyProcess {
  public:
   ~cProxyProcess() { Stop(); }
   std::string SocketPath() const { return m_dir.File("hal.sock"); }
-  std::string LogPath() const { return m_dir.File("halproxy.log"); }
   std::string const& AccessPoint() const { return m_ap; }
-  std::string Log() const { return testsupport::ReadFile(LogPath()); }
+  std::string Log() const { return m_process.Log(); }
   // The loop turns meanwhile: the HAL client in this process may be what it waits for.
   bool Logged(std::string const& text) const {
     return PumpUntil([&] { return m_process.Logged(text); });
@@ -67,7 +66,7 @@ class cProxyProcess {
   }
   // Gone without a word, as after a crash; the client stays.
   void Kill() { m_process.Kill(); }
-  // halproxy args... to its end, output to the log; its exit status.
+  // halproxy args... to its end; its exit status.
   int Run(Lines args) {
     args.insert(args.begin(), HALPROXY_PATH);
     Spawn(args);
@@ -77,8 +76,9 @@ class cProxyProcess {
 
  private:
   void Spawn(Lines const& argv) {
-    unlink(LogPath().c_str());  // an earlier run's lines must not count
-    m_process.Start(argv, LogPath());
+    std::string const log = m_dir.File("halproxy.log");
+    unlink(log.c_str());  // an earlier run's lines must not count
+    m_process.Start(argv, log);
   }
 
   testsupport::cTempDir m_dir{"halproxy-test"};
