@@ -1,5 +1,7 @@
 // halproxy as a program: the HAL client talking to it, bad input on its
-// socket and an access point it cannot take. Its listener's options reach
+// socket and an access point it cannot take. Requests over TCP, with the
+// results and the log they give, run end to end (tests/e2e) and in
+// tests/routemgr/hal_batch_test.cpp. Its listener's options reach
 // the same transport as the other programs' (see the datamgr test and the
 // packaged settings in the end-to-end access test).
 #include <gtest/gtest.h>
@@ -24,28 +26,6 @@ class HalproxyProcess : public ::testing::Test {
   }
   cProxyProcess proxy;
 };
-
-// Over TCP, the daemon's default transport, on a port the system picks.
-TEST_F(HalproxyProcess, ClientRequestsChangeTheTableAndAreLogged) {
-  ASSERT_TRUE(proxy.Start({"--log-level=debug", "--interfaces=eth1"}, {}, "127.0.0.1:0"));
-  ASSERT_TRUE(proxy.Connect());
-  EXPECT_EQ(0, proxy.Hal().ConfigureIPGateway("10.1.2.3", "255.255.0.0", "192.168.1.1", "0.0.0.0",
-                                              "eth1", 0, true));
-  EXPECT_EQ(0, proxy.Hal().ConfigureIpDefaultGateway("10.0.0.1", 5));
-  EXPECT_EQ(-ENODEV, proxy.Hal().ConfigureIPGateway("10.2.0.0", "255.255.0.0", "192.168.1.1",
-                                                    "0.0.0.0", "eth9", 0, true));
-  EXPECT_EQ(
-      (Lines{"default via 10.0.0.1 metric 5", "10.1.0.0/16 via 192.168.1.1 dev eth1 metric 0"}),
-      proxy.Routes());
-  EXPECT_TRUE(
-      proxy.Logged("ConfigureIPGateway 10.2.0.0/255.255.0.0 via 192.168.1.1 dev eth9 src "
-                   "0.0.0.0 metric 0 avail=1 -> -19 (No such device: no interface 'eth9')"))
-      << proxy.Log();
-  // Test operations are off unless asked for.
-  EXPECT_EQ(-EPERM, proxy.Hal().InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
-  EXPECT_TRUE(proxy.Logged("-> -1 (Operation not permitted: test operations are off"));
-  EXPECT_EQ(0, proxy.Stop());  // SIGTERM ends it cleanly
-}
 
 // The refresh's batch: more requests in flight than one window, answered in
 // the order asked (a removal between installations), failures counted. A
@@ -89,7 +69,7 @@ void PutAnswer(std::vector<std::uint8_t>& out, std::uint16_t op, int rc) {
 // Frames the HAL client would never send, pipelined: each request gets an
 // error answer, an oversized frame a closed connection, and the proxy goes on.
 TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) {
-  ASSERT_TRUE(proxy.Start({}));
+  ASSERT_TRUE(proxy.Start({"--log-level=debug"}));
   kesttest::RawClient raw(proxy.AccessPoint());
   ASSERT_EQ(raw.Greet(hal::kService), "accepted");
   std::uint16_t const list = hal::halop::kListRoutes;
@@ -114,6 +94,9 @@ TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) 
   ASSERT_TRUE(proxy.Connect());
   EXPECT_EQ(0, proxy.Hal().ConfigureIpDefaultGateway("10.0.0.1", 1));
   EXPECT_TRUE(proxy.Logged("bad request op 1")) << proxy.Log();
+  // Test operations are off unless asked for.
+  EXPECT_EQ(-EPERM, proxy.Hal().InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
+  EXPECT_TRUE(proxy.Logged("-> -1 (Operation not permitted: test operations are off"));
   EXPECT_EQ(0, proxy.Stop());
 }
 

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,22 +29,13 @@ class cProxyProcess {
     return PumpUntil([&] { return m_process.Logged(text); });
   }
 
-  // prefix... halproxy --listen LISTEN (our socket unless given; TCP port 0: the
-  // one it reports) args...; success once it listens, else its log.
-  ::testing::AssertionResult Start(Lines const& args, Lines prefix = {}, std::string listen = "") {
-    m_ap = listen.empty() ? "unix:" + SocketPath() : listen;
-    prefix.insert(prefix.end(), {HALPROXY_PATH, "--listen", m_ap});
-    prefix.insert(prefix.end(), args.begin(), args.end());
-    Spawn(prefix);
-    // Port 0: the transport's own "listening on" line may come before the
-    // one naming the port the system picked, so wait for that one.
-    bool const pickedPort = m_ap.size() > 2 && m_ap.compare(m_ap.size() - 2, 2, ":0") == 0;
-    if (!Logged(pickedPort ? "(port " : "listening on"))
-      return ::testing::AssertionFailure() << "no start: " << Log();
-    std::string log = Log();
-    if (std::size_t at = log.find("(port "); at != std::string::npos)
-      m_ap.replace(m_ap.size() - 1, 1, std::to_string(std::atoi(log.c_str() + at + 6)));
-    return ::testing::AssertionSuccess();
+  // halproxy --listen unix:OUR-SOCKET args...; success once it listens, else its log.
+  ::testing::AssertionResult Start(Lines args) {
+    m_ap = "unix:" + SocketPath();
+    args.insert(args.begin(), {HALPROXY_PATH, "--listen", m_ap});
+    Spawn(args);
+    if (Logged("listening on")) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no start: " << Log();
   }
   // A HAL client for this run, connected once this says so.
   bool Connect() {
