@@ -125,8 +125,8 @@ TEST_F(DataClientTest, SyncsGarbageDumpRequestsAndDeregistrationAnywhere) {
       {proto::kSyncFull, {Route("office", 3)}, "[office:3] in force [] changed"},
       {0, {Route("office", 1), Route("mgmt", 2)}, "[mgmt:2 office:1] in force [office:3] changed"},
       {0, {Route("office", 1)}, "[mgmt:2 office:1] in force [mgmt:2 office:1] unchanged"},
-      {0, {{true, "mgmt", {}}}, "[office:1] in force [mgmt:2 office:1] changed"},
-      {proto::kSyncFull, {}, "[] in force [office:1] changed"},  // office not listed: gone
+      {0, {{true, "office", {}}}, "[mgmt:2] in force [mgmt:2 office:1] changed"},
+      {proto::kSyncFull, {}, "[] in force [mgmt:2] changed"},  // mgmt not listed: gone
   };
   for (auto const& [flags, entries, expected] : steps) {
     seen.clear();
@@ -169,7 +169,17 @@ TEST_F(DataClientTest, SyncsGarbageDumpRequestsAndDeregistrationAnywhere) {
   ASSERT_TRUE(Logged(seen, "OnDumpRequest /var/tmp"));
   ASSERT_TRUE(Logged(manager, "dump-result /var/tmp failed"));
 
-  EXPECT_EQ(std::count(seen.begin(), seen.end(), "OnDisconnect"), 0);
+  // The manager drops the connection: reported, everything subscribed again,
+  // and no change applied before the new snapshot.
+  seen.clear();
+  manager.clear();
+  channel->Close("test");
+  ASSERT_TRUE(Logged(manager, "subscribe " + kStatus) && Logged(seen, "OnConnect"));
+  Sync(kStatus, 0, {{false, "WanStatus", raw.Bytes()}});
+  Sync(kStatus, proto::kSyncFull, {{false, "WanStatus", raw.Bytes()}});
+  ASSERT_TRUE(Logged(seen, kStatus + " setup dsl"));
+  Settle();
+  EXPECT_EQ(seen, (Lines{"OnDisconnect", "OnConnect", kStatus + " setup dsl"}));
 
   // Later changes of the old directory reach nobody; a stop is no lost connection.
   seen.clear();

@@ -1,6 +1,7 @@
 // The netlink backend against a real kernel table: a network namespace of
-// the test's own with a veth pair, halproxy --backend=netlink inside it, and
-// the table read back with `ip route`. Needs root (CI runs as root).
+// the test's own with a veth pair, the backend's sockets opened in it, and
+// the table read back with `ip route`. Needs root (CI runs as root). The
+// program on the kernel is tested end to end (tests/e2e/netns_test.cpp).
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <sstream>
 
@@ -23,27 +23,18 @@ namespace {
 // Documentation ranges: nothing could reach another network from inside the namespace.
 char const* const kGw0 = "192.0.2.1";     // on veth0 (192.0.2.2/24)
 char const* const kGw1 = "198.51.100.1";  // on veth1 (198.51.100.2/24)
-char const* const kMask = "255.255.0.0";
 namespace nl = halproxy::nl;
 
 class NetlinkKernel : public ::testing::Test {
- protected:
+ public:
   void SetUp() override {
-    kest::ResetLoop();
     if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
       GTEST_SKIP() << why;
     if (geteuid() != 0) GTEST_SKIP() << "needs root to create a network namespace";
     if (!MakeNamespace(m_ns)) GTEST_SKIP() << "cannot create a network namespace";
   }
-  void TearDown() override {
-    if (HasFailure()) std::fprintf(stderr, "halproxy log:\n%s", m_proxy.Log().c_str());
-    m_proxy.Stop();
-    Sh("ip netns del " + m_ns + " 2>/dev/null");
-    kest::ResetLoop();
-  }
+  void TearDown() override { Sh("ip netns del " + m_ns + " 2>/dev/null"); }
   static int Sh(std::string const& cmd) { return std::system(cmd.c_str()); }
-
- public:
   // A namespace with the two veth links the semantics table expects.
   static bool MakeNamespace(std::string const& ns) {
     bool ok = Sh("ip netns add " + ns) == 0;
@@ -53,38 +44,19 @@ class NetlinkKernel : public ::testing::Test {
       ok = ok && Sh("ip -n " + ns + " " + cmd) == 0;
     return ok;
   }
-
- protected:
-  void StartProxy(std::string unavailable) {
-    Lines args = {"--backend=netlink", "--log-level=debug", "--unavailable=" + unavailable};
-    ASSERT_TRUE(m_proxy.Start(args, {"ip", "netns", "exec", m_ns}));
-    ASSERT_TRUE(m_proxy.Connect());
-  }
-  int Set(char const* net, char const* gw, char const* dev, unsigned metric = 0, bool avail = true,
-          char const* src = "0.0.0.0") {
-    return m_proxy.Hal().ConfigureIPGateway(net, kMask, gw, src, dev, metric, avail);
-  }
-  int Del(char const* net, char const* gw, bool avail = true) {
-    return m_proxy.Hal().RemoveIPGateway(net, kMask, gw, avail);
-  }
-  // The routes of a protocol (ours unless given) as `ip route` shows them.
-  Lines Table(std::string const& proto = std::to_string(nl::kRouteProtocol)) {
+  // Our routes as `ip route` shows them.
+  Lines Table() {
     Lines lines;
-    std::istringstream out(
-        testsupport::Shell("ip -n " + m_ns + " -4 route show table main proto " + proto));
+    std::istringstream out(testsupport::Shell("ip -n " + m_ns + " -4 route show table main proto " +
+                                              std::to_string(nl::kRouteProtocol)));
     for (std::string l; std::getline(out, l);)
       lines.push_back(l.substr(0, l.find_last_not_of(' ') + 1));
     return lines;
   }
-
   // The backend in this process: its sockets stay in the namespace they
   // were opened in, so only Open runs there.
-  ::testing::AssertionResult OpenInNamespace(halproxy::cNetlinkBackend& backend) {
-    return OpenIn(m_ns, backend);
-  }
-
- public:
-  ::testing::AssertionResult OpenIn(std::string const& name, halproxy::cNetlinkBackend& backend) {
+  static ::testing::AssertionResult OpenIn(std::string const& name,
+                                           halproxy::cNetlinkBackend& backend) {
     int self = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     int ns = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
     std::string error = "cannot enter the namespace";
@@ -98,35 +70,8 @@ class NetlinkKernel : public ::testing::Test {
     if (opened) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << error;
   }
-
- protected:
   std::string const m_ns = "rmhal-" + std::to_string(getpid());
-  cProxyProcess m_proxy;
 };
-
-// halproxy itself on the kernel: what the semantics table cannot see, the
-// kernel's reasons in the log, the listing and the kernel's own routes.
-TEST_F(NetlinkKernel, TheProgramInstallsListsAndLeavesTheKernelsOwnRoutes) {
-  StartProxy("skip");
-  auto const kernelOwn = Table("kernel");
-  ASSERT_EQ(0, Set("10.1.2.3", kGw0, "veth0", 0, true, "192.0.2.2"));
-  ASSERT_EQ(0, Set("10.2.0.0", kGw1, "", 7));
-  EXPECT_EQ(-ENODEV, Set("10.3.0.0", kGw0, "eth9"));
-  EXPECT_EQ(-ENETUNREACH, Set("10.3.0.0", "203.0.113.1", ""));
-  EXPECT_TRUE(m_proxy.Logged("-> -101 (Network is unreachable: "));  // and the kernel's reason
-  EXPECT_EQ((Lines{"10.1.0.0/16 via 192.0.2.1 dev veth0 src 192.0.2.2 metric 0",
-                   "10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7"}),
-            m_proxy.Routes());
-  ASSERT_EQ(0, m_proxy.Hal().ConfigureIpDefaultGateway(kGw1, 2));
-  EXPECT_EQ((Lines{"default via 198.51.100.1 dev veth1 metric 2",
-                   "10.1.0.0/16 via 192.0.2.1 dev veth0 src 192.0.2.2",
-                   "10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7"}),
-            Table());
-  EXPECT_EQ(0, Del("10.1.0.0", kGw0));
-  EXPECT_EQ(0, m_proxy.Hal().RemoveIPDefaultGateway(kGw1));
-  EXPECT_EQ(Lines{"10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7"}, Table());
-  EXPECT_EQ(kernelOwn, Table("kernel"));
-}
 
 std::uint32_t Ip(char const* text) {
   in_addr a{};
@@ -148,7 +93,7 @@ halproxy::cRoute Route(char const* net, std::uint8_t len, char const* gw, char c
 
 TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
   halproxy::cNetlinkBackend backend;
-  ASSERT_TRUE(OpenInNamespace(backend));
+  ASSERT_TRUE(OpenIn(m_ns, backend));
   // An unknown interface (never sent) and the kernel's refusal of a gateway
   // on no link of ours, amid routes that go in.
   std::vector<halproxy::cRoute> routes = {
@@ -191,9 +136,10 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
 // fresh namespace, the backend in this process with its sockets in there.
 class cKernelWorld : public halproxy_semantics::IWorld {
  public:
-  explicit cKernelWorld(NetlinkKernel& test) : m_test(test) {}
-  ~cKernelWorld() override { Sh("ip netns del " + m_ns + " 2>/dev/null"); }
-  bool Open() { return NetlinkKernel::MakeNamespace(m_ns) && m_test.OpenIn(m_ns, m_backend); }
+  ~cKernelWorld() override { NetlinkKernel::Sh("ip netns del " + m_ns + " 2>/dev/null"); }
+  bool Open() {
+    return NetlinkKernel::MakeNamespace(m_ns) && NetlinkKernel::OpenIn(m_ns, m_backend);
+  }
   halproxy::IRouteBackend& Backend() override { return m_backend; }
   void Do(std::string const& action) override {
     std::istringstream in(action);
@@ -204,19 +150,17 @@ class cKernelWorld : public halproxy_semantics::IWorld {
                       : what == "foreign"
                           ? "route add " + arg + rest + " proto static"
                           : "route del " + arg + " proto " + std::to_string(nl::kRouteProtocol);
-    EXPECT_EQ(0, Sh("ip -n " + m_ns + " " + cmd)) << cmd;
+    EXPECT_EQ(0, NetlinkKernel::Sh("ip -n " + m_ns + " " + cmd)) << cmd;
   }
 
  private:
-  static int Sh(std::string const& cmd) { return std::system(cmd.c_str()); }
-  NetlinkKernel& m_test;
   std::string const m_ns = "rmsem-" + std::to_string(getpid());
   halproxy::cNetlinkBackend m_backend;
 };
 
 TEST_F(NetlinkKernel, SemanticsTableOnTheKernel) {
-  halproxy_semantics::RunCases([this] {
-    auto world = std::make_unique<cKernelWorld>(*this);
+  halproxy_semantics::RunCases([] {
+    auto world = std::make_unique<cKernelWorld>();
     if (!world->Open()) {
       ADD_FAILURE() << "cannot set up a namespace";
       world.reset();

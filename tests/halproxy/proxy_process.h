@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,30 +22,20 @@ class cProxyProcess {
  public:
   ~cProxyProcess() { Stop(); }
   std::string SocketPath() const { return m_dir.File("hal.sock"); }
-  std::string LogPath() const { return m_dir.File("halproxy.log"); }
   std::string const& AccessPoint() const { return m_ap; }
-  std::string Log() const { return testsupport::ReadFile(LogPath()); }
+  std::string Log() const { return m_process.Log(); }
   // The loop turns meanwhile: the HAL client in this process may be what it waits for.
   bool Logged(std::string const& text) const {
     return PumpUntil([&] { return m_process.Logged(text); });
   }
 
-  // prefix... halproxy --listen LISTEN (our socket unless given; TCP port 0: the
-  // one it reports) args...; success once it listens, else its log.
-  ::testing::AssertionResult Start(Lines const& args, Lines prefix = {}, std::string listen = "") {
-    m_ap = listen.empty() ? "unix:" + SocketPath() : listen;
-    prefix.insert(prefix.end(), {HALPROXY_PATH, "--listen", m_ap});
-    prefix.insert(prefix.end(), args.begin(), args.end());
-    Spawn(prefix);
-    // Port 0: the transport's own "listening on" line may come before the
-    // one naming the port the system picked, so wait for that one.
-    bool const pickedPort = m_ap.size() > 2 && m_ap.compare(m_ap.size() - 2, 2, ":0") == 0;
-    if (!Logged(pickedPort ? "(port " : "listening on"))
-      return ::testing::AssertionFailure() << "no start: " << Log();
-    std::string log = Log();
-    if (std::size_t at = log.find("(port "); at != std::string::npos)
-      m_ap.replace(m_ap.size() - 1, 1, std::to_string(std::atoi(log.c_str() + at + 6)));
-    return ::testing::AssertionSuccess();
+  // halproxy --listen unix:OUR-SOCKET args...; success once it listens, else its log.
+  ::testing::AssertionResult Start(Lines args) {
+    m_ap = "unix:" + SocketPath();
+    args.insert(args.begin(), {HALPROXY_PATH, "--listen", m_ap});
+    Spawn(args);
+    if (Logged("listening on")) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "no start: " << Log();
   }
   // A HAL client for this run, connected once this says so.
   bool Connect() {
@@ -67,7 +56,7 @@ class cProxyProcess {
   }
   // Gone without a word, as after a crash; the client stays.
   void Kill() { m_process.Kill(); }
-  // halproxy args... to its end, output to the log; its exit status.
+  // halproxy args... to its end; its exit status.
   int Run(Lines args) {
     args.insert(args.begin(), HALPROXY_PATH);
     Spawn(args);
@@ -77,8 +66,9 @@ class cProxyProcess {
 
  private:
   void Spawn(Lines const& argv) {
-    unlink(LogPath().c_str());  // an earlier run's lines must not count
-    m_process.Start(argv, LogPath());
+    std::string const log = m_dir.File("halproxy.log");
+    unlink(log.c_str());  // an earlier run's lines must not count
+    m_process.Start(argv, log);
   }
 
   testsupport::cTempDir m_dir{"halproxy-test"};

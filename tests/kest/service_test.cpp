@@ -145,61 +145,58 @@ TEST_F(ServiceTest, TimersFollowTheManualClock) {
 
 TEST_F(ServiceTest, ReportsReadyAndPingsTheWatchdogAtHalfItsPeriod) {
   std::string const path = "/tmp/kest-notify-" + std::to_string(getpid());
-  for (std::string const& env : {path, "@" + path.substr(1)}) {  // a path or an abstract name
-    for (bool ours : {true, false}) {  // WATCHDOG_PID names this process or another
-      SetUp();
-      kesttest::RawEnd init(socket(AF_UNIX, SOCK_DGRAM, 0));  // the init system's end
-      sockaddr_un addr{AF_UNIX, {}};
-      std::memcpy(addr.sun_path, env.data(), env.size());
-      addr.sun_path[0] = env[0] == '@' ? '\0' : '/';
-      unlink(path.c_str());
-      ASSERT_EQ(bind(init.fd, reinterpret_cast<sockaddr*>(&addr),
-                     socklen_t(offsetof(sockaddr_un, sun_path) + env.size())),
-                0);
-      setenv("NOTIFY_SOCKET", env.c_str(), 1);
-      setenv("WATCHDOG_USEC", "2000000", 1);
-      setenv("WATCHDOG_PID", ours ? std::to_string(getpid()).c_str() : "1", 1);
-      cProbe service;
-      service.Init("probe", 3704);
-      auto received = [&](std::string const& when) {
-        char buf[512];
-        for (ssize_t n; (n = recv(init.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
-          g_log.push_back(when + " " + std::string(buf, std::size_t(n)));
-      };
-      // Ten 250 ms steps, each in a loop round of its own, noting what arrived when.
-      std::uint64_t const start = clock.NowMs();
-      int steps = 10;
-      std::function<void()> step = [&] {
-        received(std::to_string(clock.NowMs() - start));
-        if (steps-- == 0) return kest::Loop().Quit();
-        clock.Advance(250);
-        kest::Loop().AddTimer(0, step);  // queues behind any timer that just became due
-      };
-      kest::Loop().AddTimer(0, step);
-      service.ProcessMessages();
-      received("end");
-      Strings want = {"connected", "0 READY=1\nSTATUS=probe running"};
-      if (ours) want.insert(want.end(), {"1000 WATCHDOG=1", "2000 WATCHDOG=1"});
-      want.push_back("end STOPPING=1");
-      EXPECT_EQ(g_log, want) << env;
-    }
+  // A path or an abstract name; WATCHDOG_PID names this process or another.
+  std::pair<std::string, bool> const cases[] = {{"@" + path.substr(1), true}, {path, false}};
+  for (auto const& [env, ours] : cases) {
+    SetUp();
+    kesttest::RawEnd init(socket(AF_UNIX, SOCK_DGRAM, 0));  // the init system's end
+    sockaddr_un addr{AF_UNIX, {}};
+    std::memcpy(addr.sun_path, env.data(), env.size());
+    addr.sun_path[0] = env[0] == '@' ? '\0' : '/';
+    unlink(path.c_str());
+    ASSERT_EQ(bind(init.fd, reinterpret_cast<sockaddr*>(&addr),
+                   socklen_t(offsetof(sockaddr_un, sun_path) + env.size())),
+              0);
+    setenv("NOTIFY_SOCKET", env.c_str(), 1);
+    setenv("WATCHDOG_USEC", "2000000", 1);
+    setenv("WATCHDOG_PID", ours ? std::to_string(getpid()).c_str() : "1", 1);
+    cProbe service;
+    service.Init("probe", 3704);
+    auto received = [&](std::string const& when) {
+      char buf[512];
+      for (ssize_t n; (n = recv(init.fd, buf, sizeof buf, MSG_DONTWAIT)) > 0;)
+        g_log.push_back(when + " " + std::string(buf, std::size_t(n)));
+    };
+    // Ten 250 ms steps, each in a loop round of its own, noting what arrived when.
+    std::uint64_t const start = clock.NowMs();
+    int steps = 10;
+    std::function<void()> step = [&] {
+      received(std::to_string(clock.NowMs() - start));
+      if (steps-- == 0) return kest::Loop().Quit();
+      clock.Advance(250);
+      kest::Loop().AddTimer(0, step);  // queues behind any timer that just became due
+    };
+    kest::Loop().AddTimer(0, step);
+    service.ProcessMessages();
+    received("end");
+    Strings want = {"connected", "0 READY=1\nSTATUS=probe running"};
+    if (ours) want.insert(want.end(), {"1000 WATCHDOG=1", "2000 WATCHDOG=1"});
+    want.push_back("end STOPPING=1");
+    EXPECT_EQ(g_log, want) << env;
   }
   unlink(path.c_str());
 }
 
-TEST_F(ServiceTest, StandaloneServiceConnectsFirstAndStopsOnSignals) {
-  for (int sig : {SIGTERM, SIGINT}) {
-    SetUp();
-    cProbe service;
-    ASSERT_TRUE(service.Init("probe", 3704));
-    EXPECT_FALSE(service.ScmAttached());
-    kest::Loop().Post([sig] {
-      g_log.push_back("posted before the loop");
-      raise(sig);
-    });
-    service.ProcessMessages();  // returns only through the signal
-    EXPECT_EQ(g_log, (Strings{"connected", "posted before the loop"}));
-  }
+// SIGTERM is how every program is stopped in the end-to-end tests.
+TEST_F(ServiceTest, StandaloneServiceConnectsFirstAndStopsOnSigint) {
+  cProbe service;
+  ASSERT_TRUE(service.Init("probe", 3704));
+  kest::Loop().Post([] {
+    g_log.push_back("posted before the loop");
+    raise(SIGINT);
+  });
+  service.ProcessMessages();  // returns only through the signal
+  EXPECT_EQ(g_log, (Strings{"connected", "posted before the loop"}));
 }
 
 }  // namespace

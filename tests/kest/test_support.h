@@ -1,12 +1,20 @@
-// Helpers shared by the kest tests: frames as bytes, traces, and the far end of a
-// connection on a plain socket.
+// The far end of a kest connection on a plain socket, for tests of whatever
+// speaks kest: frames as bytes, a raw client and a raw listener, and traces.
 #pragma once
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <utility>
+
+#include "kest/access_point.h"
+#include "kest/format.h"
 #include "kest/frame.h"
+#include "kest/hello.h"
 #include "kest/loop.h"
 #include "kest/trace.h"
 #include "support/poll.h"
@@ -14,8 +22,9 @@
 namespace kesttest {
 
 using Bytes = std::vector<std::uint8_t>;
+using testsupport::PumpUntil;
 
-// Every kest test starts and ends on a fresh loop.
+// Every test that includes this starts and ends on a fresh loop.
 struct LoopReset : ::testing::EmptyTestEventListener {
   void OnTestStart(::testing::TestInfo const&) override { kest::ResetLoop(); }
   void OnTestEnd(::testing::TestInfo const&) override { kest::ResetLoop(); }
@@ -26,6 +35,11 @@ inline bool const kLoopReset =
 inline Bytes Wire(std::uint8_t kind, std::uint32_t id, std::uint16_t op, std::string const& body) {
   kest::cFrame f{kind, id, op, {}};
   f.body.Write(body.data(), body.size());
+  Bytes out;
+  kest::EncodeFrame(f, out);
+  return out;
+}
+inline Bytes Wire(kest::cFrame const& f) {
   Bytes out;
   kest::EncodeFrame(f, out);
   return out;
@@ -55,16 +69,17 @@ inline std::size_t Traced(kest::cTraceCapture const& traces, std::string const& 
   return n;
 }
 
-using testsupport::PumpUntil;
-
 struct RawEnd {
   int fd;
   bool eof = false;
   kest::cFrameReader reader;
+  kest::cFrame frame;  // the last one received
 
   explicit RawEnd(int f = -1) : fd(f) {}
   ~RawEnd() { close(fd); }
-  void Send(Bytes const& b) { EXPECT_EQ(write(fd, b.data(), b.size()), ssize_t(b.size())); }
+  void Send(Bytes const& b) {
+    EXPECT_EQ(send(fd, b.data(), b.size(), MSG_NOSIGNAL), ssize_t(b.size()));
+  }
   // Pumps this thread's loop until a whole frame or the end of the connection arrives.
   bool Receive(kest::cFrame& f) {
     std::string error;
@@ -77,6 +92,59 @@ struct RawEnd {
       return (got = reader.Next(f, error) == kest::cFrameReader::kFrame) || eof;
     });
     return got;
+  }
+  bool ClosedByServer() { return !Receive(frame) && eof; }
+};
+
+// A peer process stand-in, connected to a server that runs in this thread's
+// loop or in another process.
+struct RawClient : RawEnd {
+  explicit RawClient(std::string const& accessPoint) {
+    kest::cAccessPoint ap;
+    std::string error;
+    EXPECT_TRUE(kest::cAccessPoint::Parse(accessPoint, ap, error)) << error;
+    sockaddr_storage sa{};
+    unsigned len = ap.ToSockaddr(sa);
+    fd = socket(sa.ss_family, SOCK_STREAM, 0);
+    // Loopback and Unix connects complete in the kernel, before any accept.
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&sa), len), 0) << std::strerror(errno);
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+  }
+  std::string Me() const { return LocalAp(fd); }
+  // The server's answer to a hello: "accepted", or the refusal's reason.
+  std::string Greet(kest::cServiceId const& wanted) {
+    Send(Wire(kest::HelloFrame(100, wanted)));
+    if (!Receive(frame)) return "none";
+    kest::cGreeting g;
+    std::string error;
+    if (frame.kind == kest::cFrame::kReply && kest::DecodeAccept(frame.body, g, error)) {
+      return "accepted";
+    }
+    return kest::DecodeRefusal(frame.body, g, error) ? g.reason : "bad: " + error;
+  }
+  // The reason of the server's refusal, once the connection has closed after it.
+  std::string Refusal() {
+    kest::cGreeting g;
+    std::string error;
+    if (!Receive(frame) || !kest::DecodeRefusal(frame.body, g, error)) return "no refusal";
+    return ClosedByServer() ? g.reason : "still open";
+  }
+};
+
+// A listening socket on a free port (listen() picks one, on every address);
+// the kernel completes handshakes before any accept.
+struct Listener : RawEnd {
+  Listener() : RawEnd(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) { listen(fd, 4); }
+  std::string Ap() const { return LocalAp(fd); }
+  // The next connection, its hello answered as self would unless self is null.
+  int Accept(kest::cServiceId const* self) {
+    RawEnd peer;
+    EXPECT_TRUE(PumpUntil([&] {
+      return (peer.fd = accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0;
+    }));
+    kest::cFrame hello;
+    if (self != nullptr && peer.Receive(hello)) peer.Send(Wire(kest::AcceptFrame(hello.id, *self)));
+    return std::exchange(peer.fd, -1);
   }
 };
 

@@ -1,14 +1,14 @@
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <thread>
 
+#include "kest/call_once.h"
 #include "kest/hello.h"
 #include "kest/message.h"
 #include "kest/server.h"
@@ -17,6 +17,7 @@
 
 namespace {
 
+using kesttest::Listener;
 using kesttest::PumpUntil;
 using kesttest::RawEnd;
 using kesttest::Traced;
@@ -27,52 +28,18 @@ using Strings = std::vector<std::string>;
 constexpr kest::cServiceId kSelf{"test", "the test service", 1};
 constexpr kest::cServiceId kOther{"other", "the other service", 1};
 
-// A peer process stand-in on a plain socket; the server runs in this thread's loop.
-struct RawClient : RawEnd {
-  explicit RawClient(std::string const& accessPoint) {
-    kest::cAccessPoint ap;
-    std::string error;
-    EXPECT_TRUE(kest::cAccessPoint::Parse(accessPoint, ap, error)) << error;
-    sockaddr_storage sa{};
-    unsigned len = ap.ToSockaddr(sa);
-    fd = socket(sa.ss_family, SOCK_STREAM, 0);
-    // Loopback and Unix connects complete in the kernel, before any accept.
-    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&sa), len), 0) << std::strerror(errno);
-    fcntl(fd, F_SETFL, O_NONBLOCK);
-  }
-  std::string Me() const { return kesttest::LocalAp(fd); }
-  // The server's answer to a hello for the service wanted: "accepted", or
-  // the refusal's reason.
+struct RawClient : kesttest::RawClient {
+  using kesttest::RawClient::RawClient;
   std::string Greet(kest::cServiceId const& wanted = kSelf) {
-    Bytes hello;
-    kest::EncodeFrame(kest::HelloFrame(100, wanted), hello);
-    Send(hello);
     greeted = true;
-    if (!Receive(frame)) return "none";
-    kest::cGreeting g;
-    std::string error;
-    if (frame.kind == kest::cFrame::kReply && kest::DecodeAccept(frame.body, g, error)) {
-      return "accepted";
-    }
-    return kest::DecodeRefusal(frame.body, g, error) ? g.reason : "bad: " + error;
+    return kesttest::RawClient::Greet(wanted);
   }
   std::string Echo(std::uint32_t id, std::string const& body) {
-    if (!greeted) {
-      EXPECT_EQ(Greet(), "accepted");
-    }
+    EXPECT_EQ(greeted ? "accepted" : Greet(), "accepted");
     Send(Wire(kest::cFrame::kRequest, id, 9, body));
     return Receive(frame) ? kesttest::Describe(frame) : "none";
   }
   bool greeted = false;
-  bool ClosedByServer() { return !Receive(frame) && eof; }
-  // The reason of the server's refusal, once the connection has closed after it.
-  std::string Refusal() {
-    kest::cGreeting g;
-    std::string error;
-    if (!Receive(frame) || !kest::DecodeRefusal(frame.body, g, error)) return "no refusal";
-    return ClosedByServer() ? g.reason : "still open";
-  }
-  kest::cFrame frame;
 };
 
 class TestClient : public kest::cServiceClient {
@@ -90,13 +57,6 @@ class TestClient : public kest::cServiceClient {
   }
   void OnDisconnected() override { log.push_back("disconnected"); }
   void OnEvent(kest::cFrame& f) override { log.push_back("event " + std::to_string(f.op)); }
-};
-
-// A listening socket on a free port (listen() picks one, on every address); the kernel
-// completes handshakes before any accept.
-struct Listener : RawEnd {
-  Listener() : RawEnd(socket(AF_INET, SOCK_STREAM, 0)) { listen(fd, 4); }
-  std::string Ap() const { return kesttest::LocalAp(fd); }
 };
 
 class TransportTest : public ::testing::Test,
@@ -192,12 +152,16 @@ TEST_F(TransportTest, UnixSocketModeAndUidAllowList) {
   Listen("unix:" + path);
   EXPECT_EQ(RawClient("unix:" + path).Echo(3, "hi"), "2 3 9 hi");
   EXPECT_EQ(log, Strings{"open " + who});
+  std::string error;
+  kest::cServer second{nullptr, this, "test", kSelf};  // a live server's socket is not taken over
+  EXPECT_FALSE(second.Listen("unix:" + path, error));
+  EXPECT_NE(error.find("another server is listening on it"), std::string::npos) << error;
+  EXPECT_EQ(RawClient("unix:" + path).Echo(4, "still"), "2 4 9 still");
   server.Close();
   EXPECT_NE(access(path.c_str(), F_OK), 0);  // the socket file goes with the server
 
   // A file that is not a socket is never deleted to make room.
   std::fclose(std::fopen(path.c_str(), "w"));
-  std::string error;
   EXPECT_FALSE(server.Listen("unix:" + path, error));
   EXPECT_NE(error.find("not a socket"), std::string::npos) << error;
   EXPECT_EQ(unlink(path.c_str()), 0);
@@ -239,13 +203,11 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
     kest::cSerializeBuffer body, reply;
     EXPECT_EQ(client.Request(9, body, reply), kest::clienterr::kNotConnected);
     ASSERT_TRUE(client.Start());
-    RawEnd peer(accept4(listener.fd, nullptr, nullptr, SOCK_NONBLOCK));
+    RawEnd peer(listener.Accept(nullptr));
     kest::cFrame hello;
     ASSERT_TRUE(peer.Receive(hello));
     EXPECT_EQ(client.Request(9, body, reply), kest::clienterr::kNotConnected);  // no answer yet
-    Bytes accept;
-    kest::EncodeFrame(kest::AcceptFrame(hello.id, kSelf), accept);
-    peer.Send(accept);
+    peer.Send(Wire(kest::AcceptFrame(hello.id, kSelf)));
     ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
     kest::Loop().RunUntilIdle();
     // What the peer does now reaches the client only while it waits inside Request.
@@ -269,33 +231,74 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
   }
 }
 
-TEST_F(TransportTest, ReconnectsWithBackoffAndTheWatcherPostsWhenBothAreUp) {
+// Nobody listening, refused by another service, or let in and dropped at
+// once: the client backs off to its maximum, one line an attempt and not a
+// millisecond early, and a restart of the client waits out the backoff in force.
+TEST_F(TransportTest, AClientThatCannotGetInBacksOffOneLineAnAttempt) {
   kest::cManualClock clock;
   kest::Loop().SetClock(&clock);
-  std::string const ap = Listener().Ap();  // a port that refuses once that listener is gone
+  std::string const refusing = Listen("127.0.0.1:0");
+  Listener dropping;
+  struct Case {
+    std::string ap, why;
+  } const cases[] = {
+      // A port that refuses once that listener is gone.
+      {Listener().Ap(), "errno:111/Connection refused"},
+      {refusing, refusing + " is the test service, not the other service"},
+      {dropping.Ap(), "closed by peer"},
+  };
+  for (auto const& c : cases) {
+    SCOPED_TRACE(c.ap);
+    traces.Clear();
+    TestClient client(c.ap, nullptr, kOther);
+    ASSERT_TRUE(client.Start());
+    std::size_t tries = 0;
+    for (unsigned delay : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
+      ASSERT_TRUE(PumpUntil([&] {
+        close(accept(dropping.fd, nullptr, nullptr));
+        return Traced(traces, "cannot connect to ") == tries + 1;
+      }));
+      std::string const last = traces.Messages().back();
+      EXPECT_EQ(last.substr(last.find("cannot")),
+                kest::FormatString("cannot connect to %s (%s); retrying in %u ms", c.ap.c_str(),
+                                   c.why.c_str(), delay));
+      if (delay == 3200) {
+        client.Stop();
+        ASSERT_TRUE(client.Start());
+      }
+      clock.Advance(delay - 1);
+      kest::Loop().RunUntilIdle();
+      EXPECT_EQ(Traced(traces, "cannot connect to "), ++tries);
+      clock.Advance(1);
+    }
+    EXPECT_EQ(traces.Messages().size(), tries + Traced(traces, "refusing connection from "));
+    EXPECT_EQ(client.log, Strings{});
+  }
+  EXPECT_EQ(log, Strings{});
+}
+
+TEST_F(TransportTest, TheWatcherPostsWhenBothAreUpAndALastingConnectionResetsTheBackoff) {
+  kest::cManualClock clock;
+  kest::Loop().SetClock(&clock);
   struct : kest::cMessageSink {
     Strings got;
     void ProcessMsg(kest::cMsg& msg) override { got.push_back(msg.Name()); }
   } sink;
   kest::cServiceClientWatcher watcher(&sink, "ALL-UP");
+  std::string const ap = Listener().Ap();  // refuses until the server listens on it
   TestClient a(ap, &watcher), b(ap, &watcher);
   watcher.Add(&a);
   watcher.Add(&b);
-  ASSERT_TRUE(a.Start());
-  std::string const failed = "cannot connect to " + ap;
-  std::size_t tries = 0;
-  for (unsigned delay : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-    ASSERT_TRUE(PumpUntil([&] { return Traced(traces, failed) == tries + 1; })) << delay;
-    std::string const last = traces.Messages().back();
-    EXPECT_NE(last.find(kest::FormatString("retrying in %u ms", delay)), std::string::npos) << last;
-    clock.Advance(delay - 1);
-    kest::Loop().RunUntilIdle();
-    EXPECT_EQ(Traced(traces, failed), ++tries);  // not a millisecond early
-    clock.Advance(1);
-  }
-
   auto bothUp = [&] { return PumpUntil([&] { return a.IsConnected() && b.IsConnected(); }); };
+  ASSERT_TRUE(a.Start());
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, "cannot connect to ") == 1; }));
+  clock.Advance(100);
+  ASSERT_TRUE(PumpUntil([&] { return Traced(traces, "cannot connect to ") == 2; }));
   Listen(ap);
+  clock.Advance(200);
+  ASSERT_TRUE(PumpUntil([&] { return a.IsConnected(); }));
+  kest::Loop().RunUntilIdle();
+  EXPECT_EQ(sink.got, Strings{});
   ASSERT_TRUE(b.Start());
   ASSERT_TRUE(bothUp());
   kest::Loop().RunUntilIdle();
@@ -346,50 +349,6 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
   EXPECT_EQ(log, Strings{});  // the handler heard of none of them
 }
 
-// Refused by another service, or let in and dropped at once (full, or
-// hostile): either way the client backs off to its maximum, one line an
-// attempt, and a restart of the client waits out the backoff in force.
-TEST_F(TransportTest, AClientRefusedOrDroppedAtOnceBacksOffOneLineAnAttempt) {
-  kest::cManualClock clock;
-  kest::Loop().SetClock(&clock);
-  std::string const refusing = Listen("127.0.0.1:0");
-  Listener dropping;
-  fcntl(dropping.fd, F_SETFL, O_NONBLOCK);
-  struct Case {
-    std::string ap, why;
-  } const cases[] = {
-      {refusing, refusing + " is the test service, not the other service"},
-      {dropping.Ap(), "closed by peer"},
-  };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.ap);
-    traces.Clear();
-    TestClient client(c.ap, nullptr, kOther);
-    ASSERT_TRUE(client.Start());
-    std::string const line = "cannot connect to " + c.ap + " (" + c.why + "); retrying in ";
-    auto attempt = [&](unsigned delay) {
-      return PumpUntil([&] {
-        close(accept(dropping.fd, nullptr, nullptr));
-        return Traced(traces, line + std::to_string(delay)) == 1;
-      });
-    };
-    for (unsigned delay : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-      ASSERT_TRUE(attempt(delay));
-      if (delay == 3200) {
-        client.Stop();
-        ASSERT_TRUE(client.Start());
-        kest::Loop().RunUntilIdle();
-        EXPECT_EQ(Traced(traces, "cannot connect to "), 6u);  // nothing before its time
-      }
-      clock.Advance(delay);
-    }
-    EXPECT_EQ(traces.Messages().size(),
-              Traced(traces, "cannot connect to ") + Traced(traces, "refusing connection from "));
-    EXPECT_EQ(client.log, Strings{});
-  }
-  EXPECT_EQ(log, Strings{});
-}
-
 TEST_F(TransportTest, APeerThatStallsInItsHelloOrInAFrameIsClosedIdleOnesStay) {
   kest::cManualClock clock;
   kest::Loop().SetClock(&clock);
@@ -417,73 +376,50 @@ TEST_F(TransportTest, APeerThatStallsInItsHelloOrInAFrameIsClosedIdleOnesStay) {
   EXPECT_EQ(idle.Echo(6, "still"), "2 6 9 still");
 }
 
+// The peer's credentials are those in effect when it connects.
 TEST_F(TransportTest, OneUserCannotTakeEverySlot) {
   if (getuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
-  std::string const path = kest::FormatString("/tmp/kest-peruid-test-%d.sock", getpid());
+  std::string const ap = kest::FormatString("unix:/tmp/kest-peruid-test-%d.sock", getpid());
   kest::cServerLimits limits;
   limits.socketMode = 0666;
   limits.maxConnections = 4;
   limits.maxPerUid = 2;
   server.SetLimits(limits);
-  Listen("unix:" + path);
-  int result[2], hold[2];
-  ASSERT_EQ(pipe(result), 0);
-  ASSERT_EQ(pipe(hold), 0);
-  pid_t child = fork();
-  if (child == 0) {  // nobody, holding as many connections as it can
-    close(result[0]);
-    close(hold[1]);
-    if (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-        setresuid(65534, 65534, 65534) != 0) {
-      _exit(1);
-    }
-    // Plain blocking sockets: the loop copied by fork is the parent's.
-    std::string answers;
-    for (int i = 0; i < 3; ++i) {
-      int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-      kest::cAccessPoint ap{kest::cAccessPoint::kUnix, 0, 0, path};
-      sockaddr_storage sa{};
-      unsigned len = ap.ToSockaddr(sa);
-      Bytes hello;
-      kest::EncodeFrame(kest::HelloFrame(1, kSelf), hello);
-      std::uint8_t buf[512];
-      // A refused peer may find the connection closed before its hello leaves.
-      ssize_t n = -1;
-      if (connect(fd, reinterpret_cast<sockaddr*>(&sa), len) == 0) {
-        (void)!send(fd, hello.data(), hello.size(), MSG_NOSIGNAL);
-        n = read(fd, buf, sizeof buf);
-      }
-      kest::cFrameReader reader;
-      kest::cFrame f;
-      kest::cGreeting g;
-      std::string error;
-      if (n > 0) reader.Feed(buf, std::size_t(n));
-      bool const got = reader.Next(f, error) == kest::cFrameReader::kFrame;
-      answers += !got                                    ? "none;"
-                 : f.kind == kest::cFrame::kReply        ? "accepted;"
-                 : kest::DecodeRefusal(f.body, g, error) ? g.reason + ";"
-                                                         : "bad;";
-    }
-    (void)!write(result[1], answers.data(), answers.size());
-    char c;
-    (void)!read(hold[0], &c, 1);
-    _exit(0);
+  Listen(ap);
+  ASSERT_EQ(seteuid(65534), 0);
+  std::unique_ptr<RawClient> nobody[3];
+  for (auto& c : nobody) c = std::make_unique<RawClient>(ap);
+  ASSERT_EQ(seteuid(0), 0);
+  EXPECT_EQ(nobody[2]->Refusal(), "uid 65534 holds 2 connections, the limit per user");
+  EXPECT_EQ(nobody[0]->Greet() + nobody[1]->Greet(), "acceptedaccepted");
+  EXPECT_EQ(RawClient(ap).Greet(), "accepted");  // root, while nobody holds its two
+}
+
+// A one-shot caller (the command-line tools) says why it got no answer.
+TEST(CallOnce, APeerThatAnswersGarbageOrNothingIsNamed) {
+  struct Case {
+    Bytes answer;
+    char const* said;
+  } const cases[] = {
+      {Wire(kest::AcceptFrame(1, kSelf)), "closed the connection without a reply"},
+      {{0x07, 0x00, 0x00, 0x00, 0x09}, "bad reply from 127.0.0.1:"},
+  };
+  for (auto const& c : cases) {
+    Listener listener;
+    std::thread peer([&] {
+      pollfd p{listener.fd, POLLIN, 0};
+      poll(&p, 1, 5000);
+      RawEnd end(accept(listener.fd, nullptr, nullptr));
+      char request[512];
+      EXPECT_GT(recv(end.fd, request, sizeof request, 0), 0);
+      end.Send(c.answer);
+    });
+    kest::cSerializeBuffer reply;
+    std::string error;
+    EXPECT_FALSE(kest::CallOnce(listener.Ap(), kSelf, 5000, 9, {}, reply, error));
+    peer.join();
+    EXPECT_NE(error.find(c.said), std::string::npos) << error;
   }
-  close(result[1]);
-  close(hold[0]);
-  fcntl(result[0], F_SETFL, O_NONBLOCK);
-  std::string answers;
-  ASSERT_TRUE(PumpUntil([&] {
-    char buf[512];
-    ssize_t n = read(result[0], buf, sizeof buf);
-    if (n > 0) answers.append(buf, std::size_t(n));
-    return std::count(answers.begin(), answers.end(), ';') == 3;
-  })) << answers;
-  EXPECT_EQ(answers, "accepted;accepted;uid 65534 holds 2 connections, the limit per user;");
-  EXPECT_EQ(RawClient("unix:" + path).Greet(), "accepted");  // root, while nobody holds its two
-  close(hold[1]);
-  close(result[0]);
-  waitpid(child, nullptr, 0);
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,10 +16,10 @@
 #include "kest/loop.h"
 #include "kest/properties.h"
 #include "kest/service.h"
+#include "kest/test_support.h"
 #include "kest/trace.h"
 #include "routeIO/route_client.h"
 #include "routeIO/route_protocol.h"
-#include "support/poll.h"
 
 namespace routeIO {
 namespace {
@@ -82,44 +80,9 @@ class cRecordingRouteServer : public IRouteServer {
 auto Has(std::string const& text) { return ::testing::Contains(::testing::HasSubstr(text)); }
 std::string Text(routeResult r) { return (r.success ? "ok " : "fail ") + std::to_string(r.rc); }
 
-// A route client on a plain non-blocking socket: past its hello, it sends
-// what the test says and tells whether the server hung up without answering.
-class cRawClient {
- public:
-  explicit cRawClient(std::string const& path) {
-    sockaddr_un un{AF_UNIX, {}};
-    path.copy(un.sun_path, sizeof un.sun_path - 1);
-    // A Unix connect completes in the kernel, before the server accepts.
-    EXPECT_EQ(connect(m_fd, reinterpret_cast<sockaddr*>(&un), sizeof un), 0);
-    std::vector<std::uint8_t> hello;
-    kest::EncodeFrame(kest::HelloFrame(1, kService), hello);
-    Send(hello);
-  }
-  ~cRawClient() { close(m_fd); }
-  void Send(std::vector<std::uint8_t> const& bytes) {
-    EXPECT_EQ(send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
-  }
-  bool HungUp() {
-    std::uint8_t buf[4096];
-    ssize_t n;
-    while ((n = recv(m_fd, buf, sizeof buf, 0)) > 0) m_reader.Feed(buf, std::size_t(n));
-    kest::cFrame f;
-    std::string error;
-    while (m_reader.Next(f, error) == kest::cFrameReader::kFrame)
-      answered |= f.op != kest::kHelloOp;
-    return n == 0 && !answered;
-  }
-  bool answered = false;
-
- private:
-  int m_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  kest::cFrameReader m_reader;
-};
-
 class RouteServerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    kest::ResetLoop();
     unlink(Path().c_str());  // left over by a killed run
     Set(cRouteServer::kSapProperty, "unix:" + Path());
   }
@@ -240,20 +203,21 @@ TEST_F(RouteServerTest, AnAccessPointInUseIsTakenOnceItIsFree) {
 TEST_F(RouteServerTest, GarbageClosesTheClientWithATraceAndCloseIsDelivered) {
   ASSERT_TRUE(Open());
   struct Case {
-    std::vector<std::uint8_t> bytes;  // length, kind, id, op, body
+    kesttest::Bytes bytes;
     char const* trace;
   } const cases[] = {
-      {{7, 0, 0, 0, 1, 7, 0, 0, 0, 4, 0}, "malformed DelRoute body"},  // a request without it
-      {{7, 0, 0, 0, 3, 7, 0, 0, 0, 3, 0}, "instead of a request"},     // an event
-      {{0xFF, 0xFF, 0xFF, 0x7F, 1, 7, 0, 0, 0, 3, 0}, "uid="},         // longer than any frame
+      {kesttest::Wire(kest::cFrame::kRequest, 7, routeop::kDelRoute, ""),
+       "malformed DelRoute body"},
+      {kesttest::Wire(kest::cFrame::kEvent, 7, routeop::kDelRoute, ""), "instead of a request"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.trace);
     m_fake = cRecordingRouteServer();
     m_traces.Clear();
-    cRawClient raw(Path());
+    kesttest::RawClient raw("unix:" + Path());
+    ASSERT_EQ(raw.Greet(kService), "accepted");
     raw.Send(c.bytes);
-    EXPECT_TRUE(PumpUntil([&] { return raw.HungUp(); }));  // without an answer
+    EXPECT_TRUE(raw.ClosedByServer());  // without an answer
     ASSERT_TRUE(PumpUntil([&] { return m_fake.closed == 1; }));
     EXPECT_EQ(m_fake.lines, (Lines{"Connected ch1", "Closed ch1"}));  // no command delivered
     EXPECT_THAT(m_traces.Messages(), Has(kest::FormatString("uid=%u pid=%d", getuid(), getpid())));
