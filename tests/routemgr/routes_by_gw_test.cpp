@@ -1,8 +1,6 @@
 #include "routing/configured_route.h"
 #include "service_fixture.h"
 
-using Lines = std::vector<std::string>;
-
 TEST(ConfiguredRequest, GatewayInterfaceMetricAndFlagBySelector) {
   cWanGateways gw;
   gw.wired = {{kest::s_socket_addr("192.168.1.1", 0), "wired", "eth1", NORMAL, 9}, true};
