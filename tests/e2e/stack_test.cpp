@@ -1,8 +1,7 @@
-// The system as a user meets it, on one stack: routemgr talking to its init
-// system, route clients, gateways and WAN setups checked in the HAL proxy's
-// table, SIGUSR1 dumps (also under load) and peers restarted. The dump file
-// is always /tmp/routemgr.dmp: this test holds a CTest resource lock and
-// recognises its own routemgr by its access points.
+// The system as a user meets it, on one stack: routemgr and its init system,
+// route clients and gateways in the HAL proxy's table, SIGUSR1 dumps (also
+// under load), peers restarted. The dump file is always /tmp/routemgr.dmp:
+// this test holds a CTest resource lock and knows its dump by its peers.
 #include "e2e/stack.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +28,6 @@ constexpr char kDefault[] = "default via 192.168.1.254 metric 5";
 constexpr char kClientRoute[] = "10.20.0.0/16 via 192.168.1.1 dev eth1 src 192.168.1.20 metric 4";
 constexpr char kHeld[] = "10.21.0.0/16 via 192.168.1.1 metric 3";
 constexpr char kNet30[] = "10.30.0.0/16 via 192.168.1.1 metric 0";
-constexpr char kNet31[] = "10.31.0.0/16 via 192.168.1.1 metric 0";
 // routemgr requests everything again this often; a restarted proxy is whole
 // again after its reconnection plus one such period (and some slack).
 constexpr int kRefreshMs = 5000, kSlackMs = 2000;
@@ -107,9 +105,8 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   };
   // Standard error as the journal's stream: each trace carries its priority.
   ASSERT_TRUE(stack.StartRouteMgr(
-      {"NOTIFY_SOCKET=" + notifyPath, "WATCHDOG_USEC=200000", "JOURNAL_STREAM="}));
+      {"NOTIFY_SOCKET=" + notifyPath, "JOURNAL_STREAM="}));
   EXPECT_TRUE(hears("READY=1")) << heard;
-  EXPECT_TRUE(hears("WATCHDOG=1", 3)) << heard;  // fed every 100 ms
   // The status follows the peers and the route tables.
   std::string const serving = "STATUS=serving route clients; connected 0, custom routes 0, ";
   EXPECT_TRUE(hears(serving + "gateways 0")) << heard;
@@ -120,7 +117,6 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   ASSERT_TRUE(stack.StartDataMgr());
   EXPECT_TRUE(hears(serving + "gateways 1", 2)) << heard;
   EXPECT_EQ(stack.route->Stop(), 0);
-  EXPECT_TRUE(hears("STOPPING=1")) << heard;
   std::string const log = stack.route->Log();
   for (char const* line : {"\ncRouteMgrService::connected to scm\n",  // standard output: as it was
                            "\n<6>RouteMgr 005 routemgr:", "\n<4>kest 002 service_client.cpp:",
@@ -169,9 +165,6 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   ASSERT_TRUE(stack.data->WaitExit());
   ASSERT_TRUE(stack.StartDataMgr());
   EXPECT_TRUE(stack.WaitTable({kMgmtRoute, kNet30}));
-  EXPECT_EQ(SetRoute(client, "31", "10.31.0.0"), 0);
-  EXPECT_EQ(stack.Routectl({"route", "del", "30"}).out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({kNet31}, {kNet30}));
   std::vector<std::string> table = stack.HalTable();
   stack.hal->Stop();
   ASSERT_TRUE(stack.StartHal());
