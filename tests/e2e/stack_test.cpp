@@ -104,8 +104,7 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
     });
   };
   // Standard error as the journal's stream: each trace carries its priority.
-  ASSERT_TRUE(stack.StartRouteMgr(
-      {"NOTIFY_SOCKET=" + notifyPath, "JOURNAL_STREAM="}));
+  ASSERT_TRUE(stack.StartRouteMgr({"NOTIFY_SOCKET=" + notifyPath, "JOURNAL_STREAM="}));
   EXPECT_TRUE(hears("READY=1")) << heard;
   // The status follows the peers and the route tables.
   std::string const serving = "STATUS=serving route clients; connected 0, custom routes 0, ";
