@@ -1,6 +1,5 @@
 #include "e2e/stack.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -20,7 +19,7 @@ class cSkipWhenProgramsCannotStart : public ::testing::Environment {
       GTEST_SKIP() << why;
   }
 };
-[[maybe_unused]] ::testing::Environment* const g_skipWhenProgramsCannotStart =
+[[maybe_unused]] ::testing::Environment* const g_skip =
     ::testing::AddGlobalTestEnvironment(new cSkipWhenProgramsCannotStart);
 
 }  // namespace
@@ -34,13 +33,11 @@ cStack::~cStack() {
   // clean shutdown, so logs end the way they would in the field.
   for (auto* p : {&route, &data, &hal})
     if (*p) (*p)->Stop();
-  // The end of each log, enough to see what went wrong without drowning the report.
   for (auto const& path : ::testing::Test::HasFailure() ? m_logs : std::vector<std::string>{})
     std::system(("tail -v -n 40 '" + path + "' >&2").c_str());
 }
 
-// A fresh name in the stack's directory, numbered in order of use; the
-// logs among them are printed when the test fails.
+// A fresh name in the stack's directory, numbered in order of use.
 std::string cStack::NextFile(std::string const& name, bool log) {
   std::string const path = dir + "/" + std::to_string(++m_files) + "-" + name;
   if (log) m_logs.push_back(path);
@@ -53,15 +50,16 @@ std::string cStack::Write(std::string const& name, std::string const& text) cons
 }
 
 bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
-                    std::vector<std::string> argv, std::string& sap, std::vector<std::string> env) {
+                    std::vector<std::string> argv, std::vector<std::string> const& more,
+                    std::string& sap, std::vector<std::string> env) {
+  argv.insert(argv.end(), more.begin(), more.end());
   std::string const logPath = NextFile(name + ".log");
   // "JOURNAL_STREAM=" asks for what systemd puts there when standard error
   // is the journal: that stream's device and inode, here the log file's.
-  for (auto& e : env) {
-    struct stat st {};
+  struct stat st {};
+  for (auto& e : env)
     if (e == "JOURNAL_STREAM=" && (std::ofstream(logPath), stat(logPath.c_str(), &st) == 0))
       e += std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
-  }
   slot = std::make_unique<cProcess>(std::move(argv), logPath, std::move(env));
   if (!slot->WaitForLog("listening on ")) return false;
   std::string const log = slot->Log();
@@ -73,27 +71,19 @@ bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
 bool cStack::StartHal() {
   std::vector<std::string> argv = m_options.halPrefix;
   argv.insert(argv.end(), {HALPROXY_BIN, "--listen=" + halSap, "--log-level=debug"});
-  argv.insert(argv.end(), m_options.halArgs.begin(), m_options.halArgs.end());
-  return Launch(hal, "halproxy", argv, halSap);
+  return Launch(hal, "halproxy", argv, m_options.halArgs, halSap);
 }
 
 bool cStack::StartDataMgr() {
-  std::vector<std::string> argv{DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap};
-  argv.insert(argv.end(), m_options.dataArgs.begin(), m_options.dataArgs.end());
-  return Launch(data, "datamgr", argv, dataSap);
+  return Launch(data, "datamgr", {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap},
+                m_options.dataArgs, dataSap);
 }
 
-// The route service listens only once both peers are connected.
 bool cStack::StartRouteMgr(std::vector<std::string> env) {
-  std::vector<std::string> argv{ROUTEMGR_BIN,
-                                "--prop",
-                                "system.customHalProxSap=" + halSap,
-                                "--prop",
-                                "system.customDataMgrSap=" + dataSap,
-                                "--prop",
-                                "system.routeMgrSap=" + routeSap};
-  argv.insert(argv.end(), m_options.routeArgs.begin(), m_options.routeArgs.end());
-  return Launch(route, "routemgr", argv, routeSap, std::move(env));
+  return Launch(route, "routemgr",
+                {ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + halSap, "--prop",
+                 "system.customDataMgrSap=" + dataSap, "--prop", "system.routeMgrSap=" + routeSap},
+                m_options.routeArgs, routeSap, std::move(env));
 }
 
 std::vector<std::string> cStack::HalTable() const {
@@ -108,14 +98,16 @@ std::vector<std::string> cStack::HalTable() const {
                                              int timeoutMs) const {
   std::vector<std::string> table;
   auto in = [&](std::string const& l) { return std::count(table.begin(), table.end(), l) > 0; };
-  auto holds = [&] {
-    table = HalTable();
-    return std::all_of(want.begin(), want.end(), in) &&
-           std::none_of(unwanted.begin(), unwanted.end(), in);
-  };
-  if (PollUntil(holds, timeoutMs)) return ::testing::AssertionSuccess();
+  if (PollUntil(
+          [&] {
+            table = HalTable();
+            return std::all_of(want.begin(), want.end(), in) &&
+                   std::none_of(unwanted.begin(), unwanted.end(), in);
+          },
+          timeoutMs))
+    return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure()
-         << "the HAL proxy's table: " << ::testing::PrintToString(table);
+         << "the HAL proxy's table: " << testing::PrintToString(table);
 }
 
 // Bounded by timeout(1), so a hung tool fails the test instead of holding it.
@@ -126,8 +118,8 @@ cToolRun cStack::Run(std::string const& program, std::string const& sap,
   std::string cmd = "timeout -s KILL 10 " + toolPrefix + program + " --server " + sap;
   for (auto const& a : args) cmd += " '" + a + "'";
   std::ofstream(base + ".in") << input;
-  cmd += " <" + base + ".in >" + base + ".out 2>" + base + ".err";
-  int const status = std::system(cmd.c_str());
+  int const status =
+      std::system((cmd + " <" + base + ".in >" + base + ".out 2>" + base + ".err").c_str());
   m_logs.push_back(base + ".err");
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(base + ".out"),
           ReadFile(base + ".err")};

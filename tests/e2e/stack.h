@@ -1,7 +1,7 @@
 // The whole system on loopback for one test: halproxy (memory backend by
 // default), datamgr with the shipped example configuration and routemgr,
-// each a real process on a port of its own, output in log files, stopped
-// on every path (SIGTERM, then SIGKILL); plus the command-line tools.
+// each a real process on a port of its own with its output in a log file;
+// plus the command-line tools.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -39,17 +39,17 @@ class cStack {
   explicit cStack(cOptions options);
   ~cStack();  // stops everything; prints the tail of every log when the test has failed
 
-  // Starts all three; true once routemgr serves route clients.
+  // Each true once the daemon listens; routemgr listens once both peers are in.
   bool Start() { return StartHal() && StartDataMgr() && StartRouteMgr(); }
   bool StartHal();
   bool StartDataMgr();
   bool StartRouteMgr(std::vector<std::string> env = {});
 
   testsupport::cTempDir tmp{"rm-e2e"};  // logs and files, gone with the stack
-  // Port 0 until the daemon has told which one the kernel chose (a restart
-  // takes it again).
-  std::string dir = tmp.Path(), halSap = "127.0.0.1:0", dataSap = "127.0.0.1:0",
-              routeSap = "127.0.0.1:0";
+  // Port 0 until the daemon has told which one it took (a restart takes it again).
+  std::string dir = tmp.Path(), halSap = "127.0.0.1:0", dataSap = halSap, routeSap = halSap;
+  std::unique_ptr<cProcess> hal, data, route;
+  std::string toolPrefix;  // before every tool's command line, e.g. "setpriv ... "
 
   // The HAL proxy's table, one line a route; a failure gives one "error:" line.
   std::vector<std::string> HalTable() const;
@@ -57,7 +57,6 @@ class cStack {
   ::testing::AssertionResult WaitTable(std::vector<std::string> const& want,
                                        std::vector<std::string> const& unwanted = {},
                                        int timeoutMs = 5000) const;
-
   // The tools against this stack, run to their end.
   cToolRun Routectl(std::vector<std::string> const& args, std::string const& input = "") {
     return Run(ROUTECTL_BIN, routeSap, args, input);
@@ -65,12 +64,7 @@ class cStack {
   cToolRun Datactl(std::vector<std::string> const& args) { return Run(DATACTL_BIN, dataSap, args); }
   // A routectl that keeps running (for --hold); its output goes to a log.
   std::unique_ptr<cProcess> SpawnRoutectl(std::vector<std::string> const& args);
-  // Writes a file in this stack's directory; its path.
-  std::string Write(std::string const& name, std::string const& text) const;
-
-  std::unique_ptr<cProcess> hal, data, route;
-  // Put before every tool's command line, e.g. "setpriv --reuid=65534 ... ".
-  std::string toolPrefix;
+  std::string Write(std::string const& name, std::string const& text) const;  // its path
 
  private:
   std::string NextFile(std::string const& name, bool log = true);
@@ -78,7 +72,8 @@ class cStack {
                std::vector<std::string> const& args, std::string const& input = "");
   // Starts a daemon into slot; true once it says where it listens (sap).
   bool Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
-              std::vector<std::string> argv, std::string& sap, std::vector<std::string> env = {});
+              std::vector<std::string> argv, std::vector<std::string> const& more, std::string& sap,
+              std::vector<std::string> env = {});
 
   cOptions m_options;
   std::vector<std::string> m_logs;

@@ -1,8 +1,7 @@
-// The system as a user meets it, on one stack: routemgr talking to its init
-// system, route clients, gateways and WAN setups checked in the HAL proxy's
-// table, SIGUSR1 dumps (also under load) and peers restarted. The dump file
-// is always /tmp/routemgr.dmp: this test holds a CTest resource lock and
-// recognises its own routemgr by its access points.
+// The system as a user meets it, on one stack: routemgr and its init system,
+// route clients and gateways in the HAL proxy's table, SIGUSR1 dumps (also
+// under load), peers restarted. The dump file is always /tmp/routemgr.dmp:
+// this test holds a CTest resource lock and knows its dump by its peers.
 #include "e2e/stack.h"
 
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <set>
 #include <sstream>
 #include <thread>
 #include <tuple>
@@ -27,10 +27,7 @@ constexpr char kDumpFile[] = "/tmp/routemgr.dmp";
 constexpr char kDefault[] = "default via 192.168.1.254 metric 5";
 constexpr char kClientRoute[] = "10.20.0.0/16 via 192.168.1.1 dev eth1 src 192.168.1.20 metric 4";
 constexpr char kHeld[] = "10.21.0.0/16 via 192.168.1.1 metric 3";
-constexpr char kOffice254[] = "10.10.0.0/16 via 192.168.1.254 dev eth1 metric 0";
-constexpr char kOffice253[] = "10.10.0.0/16 via 192.168.1.253 dev eth1 metric 0";
 constexpr char kNet30[] = "10.30.0.0/16 via 192.168.1.1 metric 0";
-constexpr char kNet31[] = "10.31.0.0/16 via 192.168.1.1 metric 0";
 // routemgr requests everything again this often; a restarted proxy is whole
 // again after its reconnection plus one such period (and some slack).
 constexpr int kRefreshMs = 5000, kSlackMs = 2000;
@@ -65,30 +62,25 @@ std::string FreshDump(cStack& stack) {
 // "" or what is wrong with the dump's structure: every count matches the
 // blocks that follow it, nothing is cut short or left over.
 std::string Inconsistency(std::string const& text) {
-  std::vector<std::string> l;
-  std::stringstream lines(text);
-  for (std::string line; std::getline(lines, line);) l.push_back(line);
-  auto at = [&](std::size_t k) { return k < l.size() ? l[k] : std::string("<end>"); };
-  if (at(0) != "--- ROUTEMGR LR-DUMP ---" || at(1) != "- Dumpsource: SIG_REQ") return "header";
-  for (std::size_t i = 2; i < 8; ++i)
-    if (at(i).rfind(" - m_", 0) != 0) return "state line: " + at(i);
-  std::size_t i = 8;
-  std::tuple<char const*, char const*, std::size_t> const tables[] = {
-      {" - m_Gateways:             ", "  - cGWEntry:", 6},
-      {" - m_Routes:               ", "  - cRouteEntry:", 7},
-      {" - Routes By Config:       ", "  - ", 1}};
-  for (auto const& [label, block, lines] : tables) {
-    std::string const count = at(i).substr(std::min(at(i).size(), std::strlen(label)));
-    int n = std::atoi(count.c_str());
-    if (at(i).rfind(label, 0) != 0 || count != (n > 0 ? std::to_string(n) + " Entries" : "EMPTY"))
-      return "count: " + at(i);
-    for (++i; n > 0; --n, i += lines) {
-      if (at(i).rfind(block, 0) != 0) return "block: " + at(i);
-      for (std::size_t m = 1; m < lines; ++m)
-        if (at(i + m).rfind("   - ", 0) != 0) return "entry line: " + at(i + m);
+  std::istringstream in(text);
+  std::string l;
+  auto next = [&] { return std::getline(in, l) ? l : l = "<end>"; };
+  if (next() != "--- ROUTEMGR LR-DUMP ---" || next() != "- Dumpsource: SIG_REQ") return "header";
+  for (int i = 0; i < 6; ++i)
+    if (next().rfind(" - m_", 0) != 0) return "state line: " + l;
+  using Table = std::tuple<char const*, char const*, int>;  // label, block, its further lines
+  for (auto [label, block, lines] : {Table{" - m_Gateways:             ", "  - cGWEntry:", 5},
+                                     Table{" - m_Routes:               ", "  - cRouteEntry:", 6},
+                                     Table{" - Routes By Config:       ", "  - ", 0}}) {
+    int n = next().rfind(label, 0) == 0 ? std::atoi(l.c_str() + std::strlen(label)) : -1;
+    if (l != label + (n > 0 ? std::to_string(n) + " Entries" : "EMPTY")) return "count: " + l;
+    for (; n > 0; --n) {
+      if (next().rfind(block, 0) != 0) return "block: " + l;
+      for (int m = 0; m < lines; ++m)
+        if (next().rfind("   - ", 0) != 0) return "entry line: " + l;
     }
   }
-  return i == l.size() ? "" : "left over: " + at(i);
+  return next() == "<end>" ? "" : "left over: " + l;
 }
 
 TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
@@ -112,10 +104,8 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
     });
   };
   // Standard error as the journal's stream: each trace carries its priority.
-  ASSERT_TRUE(stack.StartRouteMgr(
-      {"NOTIFY_SOCKET=" + notifyPath, "WATCHDOG_USEC=200000", "JOURNAL_STREAM="}));
+  ASSERT_TRUE(stack.StartRouteMgr({"NOTIFY_SOCKET=" + notifyPath, "JOURNAL_STREAM="}));
   EXPECT_TRUE(hears("READY=1")) << heard;
-  EXPECT_TRUE(hears("WATCHDOG=1", 3)) << heard;  // fed every 100 ms
   // The status follows the peers and the route tables.
   std::string const serving = "STATUS=serving route clients; connected 0, custom routes 0, ";
   EXPECT_TRUE(hears(serving + "gateways 0")) << heard;
@@ -126,7 +116,6 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   ASSERT_TRUE(stack.StartDataMgr());
   EXPECT_TRUE(hears(serving + "gateways 1", 2)) << heard;
   EXPECT_EQ(stack.route->Stop(), 0);
-  EXPECT_TRUE(hears("STOPPING=1")) << heard;
   std::string const log = stack.route->Log();
   for (char const* line : {"\ncRouteMgrService::connected to scm\n",  // standard output: as it was
                            "\n<6>RouteMgr 005 routemgr:", "\n<4>kest 002 service_client.cpp:",
@@ -150,33 +139,19 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
 
   std::string dump = FreshDump(stack);
   EXPECT_EQ(Inconsistency(dump), "") << dump;
-  for (std::string const& part :
-       {" - m_dataClient:           CONNECTED (" + stack.dataSap + ")\n",
-        " - m_halClient:            CONNECTED (" + stack.halSap + ")\n",
-        std::string(" - m_Gateways:             2 Entries\n"
-                    "  - cGWEntry:\n   - Gateway Tag:   vpn\n   - m_gatewayIP:   10.8.0.1\n"
-                    "   - m_gatewayIF:   tun0\n   - m_gatewayPrio: 7\n   - m_gatewayType: NORMAL\n"
-                    "  - cGWEntry:\n   - Gateway Tag:   wired\n   - m_gatewayIP:   192.168.1.254\n"
-                    "   - m_gatewayIF:   eth1\n   - m_gatewayPrio: 5\n   - m_gatewayType: DEFAULT\n"
-                    " - m_Routes:               1 Entries\n"
-                    "  - cRouteEntry:\n   - Route Tag:           backup\n"
-                    "   - Network:             10.20.0.77/255.255.0.0\n"
-                    "   - m_gatewayIP:         192.168.1.1\n"
-                    "   - m_preferredSourceIP: 192.168.1.20\n"
-                    "   - m_gatewayIF:         eth1\n   - m_routePrio:         4\n"
-                    " - Routes By Config:       4 Entries\n")})
+  for (std::string const& part : {" - m_dataClient:           CONNECTED (" + stack.dataSap + ")\n",
+                                  " - m_halClient:            CONNECTED (" + stack.halSap + ")\n",
+                                  std::string(" - m_Gateways:             2 Entries\n"
+                                              "  - cGWEntry:\n   - Gateway Tag:   vpn\n"),
+                                  std::string("   - Route Tag:           backup\n"
+                                              "   - Network:             10.20.0.77/255.255.0.0\n"),
+                                  std::string(" - Routes By Config:       4 Entries\n")})
     EXPECT_NE(dump.find(part), std::string::npos) << part << dump;
 
-  // A route goes with its client's connection, whether it closes or is killed.
+  // A route goes with its client's connection.
   client.Close();
   EXPECT_TRUE(stack.WaitTable({}, {kClientRoute}));
   EXPECT_NE(FreshDump(stack).find(" - m_Routes:               EMPTY\n"), std::string::npos);
-  auto held = stack.SpawnRoutectl(
-      {"--hold", "-b",
-       stack.Write("held", "route set b 10.21.0.9/255.255.0.0 via 192.168.1.1 metric 3\n")});
-  EXPECT_TRUE(stack.WaitTable({kHeld})) << held->Log();
-  held->Signal(SIGKILL);
-  EXPECT_TRUE(stack.WaitTable({}, {kHeld}));
 
   // Peers that go away and come back: routemgr requests everything again
   // and route clients notice nothing. A change the data manager forgets
@@ -189,25 +164,11 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   ASSERT_TRUE(stack.data->WaitExit());
   ASSERT_TRUE(stack.StartDataMgr());
   EXPECT_TRUE(stack.WaitTable({kMgmtRoute, kNet30}));
-  EXPECT_EQ(SetRoute(client, "31", "10.31.0.0"), 0);
-  EXPECT_EQ(stack.Routectl({"route", "del", "30"}).out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({kNet31}, {kNet30}));
   std::vector<std::string> table = stack.HalTable();
   stack.hal->Stop();
   ASSERT_TRUE(stack.StartHal());
   EXPECT_TRUE(stack.hal->WaitForLog("ConfigureIPGateway")) << "routemgr did not come back";
   EXPECT_TRUE(stack.WaitTable(table, {}, kRefreshMs + kSlackMs)) << testing::PrintToString(table);
-
-  // A WAN setup change swaps the configured routes; they follow the wired
-  // gateway, and go with it.
-  r = stack.Datactl({"set-wan-setup", "fibre"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_TRUE(stack.WaitTable({kOffice254}, {kMgmtRoute}));
-  r = stack.Routectl({"gateway", "set", "wired", "192.168.1.253", "dev", "eth1"});
-  EXPECT_EQ(r.out, "ok\n") << r.err;
-  EXPECT_TRUE(stack.WaitTable({kOffice253}, {kOffice254}));
-  EXPECT_EQ(stack.Routectl({"gateway", "del", "wired"}).out, "ok\n");
-  EXPECT_TRUE(stack.WaitTable({}, {kOffice253}));
 
   // Dumps stay whole while route clients set and delete routes as fast as
   // routemgr answers, now and then announcing a gateway too.
@@ -240,7 +201,7 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
 
   // What routemgr installed stays when it ends; a client holding routes
   // learns that they are gone.
-  held = stack.SpawnRoutectl(
+  auto held = stack.SpawnRoutectl(
       {"--hold", "-b",
        stack.Write("held", "route set b 10.21.0.9/255.255.0.0 via 192.168.1.1 metric 3\n")});
   EXPECT_TRUE(stack.WaitTable({kHeld})) << held->Log();
@@ -255,31 +216,25 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
 // Far more routes than one answer of the HAL proxy holds: routectl gets them
 // all, in pieces, and prints each as a JSON object.
 TEST(E2eStack, RoutectlListsAHalTableOfTwentyThousandRoutesAsJson) {
-  constexpr int kRoutes = 20000;
   cStack stack;
   ASSERT_TRUE(stack.StartHal());
   kest::cService service;
   hal::cHalClient client(&service, nullptr, 5000, stack.halSap);
   client.Start();
   ASSERT_TRUE(testsupport::PumpUntil([&] { return client.IsConnected(); }));
-  std::vector<std::string> want;
-  for (int i = 0; i < kRoutes; ++i) {
+  std::multiset<std::string> want, got;
+  for (int i = 0; i < 20000; ++i) {
     std::string const net = "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0";
     ASSERT_EQ(
-        0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7, true))
-        << net;
-    want.push_back(R"({"dst":")" + net + R"(/24","via":"192.168.1.1","metric":7,"route":")" + net +
-                   R"(/24 via 192.168.1.1 metric 7"})");
+        0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7, true));
+    want.insert(R"({"dst":")" + net + R"(/24","via":"192.168.1.1","metric":7,"route":")" + net +
+                R"(/24 via 192.168.1.1 metric 7"})");
   }
   cToolRun const run = stack.Routectl({"--hal", stack.halSap, "--hal-table", "-j"});
   ASSERT_EQ(run.status, 0) << run.err;
-  std::vector<std::string> got;
   std::istringstream lines(run.out);
-  for (std::string line; std::getline(lines, line);) got.push_back(line);
-  std::sort(got.begin(), got.end());
-  std::sort(want.begin(), want.end());
-  EXPECT_EQ(got.size(), want.size());
-  EXPECT_TRUE(got == want) << (got.empty() ? std::string("nothing") : got.front());
+  for (std::string line; std::getline(lines, line);) got.insert(line);
+  EXPECT_TRUE(got == want) << got.size() << " lines; " << (got.empty() ? "" : *got.begin());
 }
 
 }  // namespace

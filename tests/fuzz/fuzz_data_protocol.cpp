@@ -39,33 +39,17 @@ void Assemble(const std::uint8_t* data, std::size_t size) {
   });
 }
 
+void (*const kRun[])(kest::cSerializeBuffer&) = {RoundTrip<cSubscribe>,  RoundTrip<cUnsubscribe>,
+                                                 RoundTrip<cSync>,       RoundTrip<cDumpRequest>,
+                                                 RoundTrip<cDumpResult>, RoundTrip<cRefused>};
+static_assert(kOpSubscribe == 1 && kOpUnsubscribe == 2 && kOpSync == 3 && kOpDumpRequest == 4 &&
+              kOpDumpResult == 5 && kOpRefused == 6);
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) return 0;
   kest::cSerializeBuffer body = fuzz::Body(data, size, 1);
-  switch (data[0]) {
-    case 0:
-      Assemble(data + 1, size - 1);
-      break;
-    case kOpSubscribe:
-      RoundTrip<cSubscribe>(body);
-      break;
-    case kOpUnsubscribe:
-      RoundTrip<cUnsubscribe>(body);
-      break;
-    case kOpSync:
-      RoundTrip<cSync>(body);
-      break;
-    case kOpDumpRequest:
-      RoundTrip<cDumpRequest>(body);
-      break;
-    case kOpDumpResult:
-      RoundTrip<cDumpResult>(body);
-      break;
-    case kOpRefused:
-      RoundTrip<cRefused>(body);
-      break;
-  }
+  if (size > 0 && data[0] == 0) Assemble(data + 1, size - 1);
+  if (size > 0 && data[0] >= 1 && data[0] <= 6) kRun[data[0] - 1](body);
   return 0;
 }

@@ -40,21 +40,14 @@ void Sync(const std::uint8_t* data, std::size_t size) {
   cDBCollection& coll = kStatus ? static_cast<cDBCollection&>(status) : routing;
   fuzz::Steps(data, size, 2, [&](const std::uint8_t* h, kest::cSerializeBuffer& bytes) {
     const std::string name = kStatus ? kStatusNames[h[1] % 6] : "route" + std::to_string(h[1] % 4);
-    switch (h[0] % 4) {
-      case 0:
-        coll.BeginSync();
-        break;
-      case 1:
-        (void)coll.ReceiveItem(name, bytes);
-        break;
-      case 2:
-        coll.RemoveItem(name);
-        break;
-      case 3:
-        (void)coll.HasChanged();
-        coll.EndSync();
-        FUZZ_CHECK(!coll.HasChanged());
-        break;
+    int const action = h[0] % 4;
+    if (action == 0) coll.BeginSync();
+    if (action == 1) (void)coll.ReceiveItem(name, bytes);
+    if (action == 2) coll.RemoveItem(name);
+    if (action == 3) {
+      (void)coll.HasChanged();
+      coll.EndSync();
+      FUZZ_CHECK(!coll.HasChanged());
     }
   });
   (void)status.InForceWanSetupName();

@@ -1,7 +1,5 @@
 #include "service_fixture.h"
 
-using Lines = std::vector<std::string>;
-
 TEST_F(ServiceTest, GatewayBeforeConfigurationTouchesOnlyDefaults) {
   auto r = SetGw("lan", "192.168.1.1", NORMAL);
   EXPECT_TRUE(r.success);

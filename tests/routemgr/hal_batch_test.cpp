@@ -3,6 +3,7 @@
 // one call at a time, shows for the same answers.
 #ifdef HALPROXY_PATH
 #include <functional>
+#include <regex>
 #include <sstream>
 
 #include "hal/hal_protocol.h"
@@ -11,41 +12,24 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-// The proxy's log of the requests it answered, in the fake's notation:
-// "MODULE LEVEL file:line OP ARGS -> RESULT ...".
+// The proxy's log of the requests it answered, in the fake's notation.
 Lines ProxyCalls(std::string const& log) {
+  static std::pair<std::regex, char const*> const forms[] = {
+      {std::regex(R"(\S+ \S+ \S+ (ConfigureIPGateway) (\S+)/(\S+) via (\S+) dev (\S+) src (\S+) )"
+                  R"(metric (\d+) avail=(\d) -> .*)"),
+       "$1 $2 $3 $4 $6 '$5' $7 $8"},
+      {std::regex(R"(\S+ \S+ \S+ (RemoveIPGateway) (\S+)/(\S+) via (\S+) avail=(\d) -> .*)"),
+       "$1 $2 $3 $4 $5"},
+      {std::regex(R"(\S+ \S+ \S+ (ConfigureIpDefaultGateway) (\S+) metric (\d+) -> .*)"),
+       "$1 $2 $3"},
+      {std::regex(R"(\S+ \S+ \S+ (RemoveIPDefaultGateway) (\S+) -> .*)"), "$1 $2"}};
   Lines calls;
   std::istringstream lines(log);
-  for (std::string text; std::getline(lines, text);) {
-    std::istringstream words(text);
-    std::vector<std::string> w;
-    for (std::string word; words >> word && word != "->";) w.push_back(word);
-    if (w.size() < 4 || text.find(" -> ") == std::string::npos) continue;
-    std::string const& op = w[3];
-    auto at = [&](std::size_t i) { return i < w.size() ? w[i] : std::string(); };
-    auto slash = [](std::string const& s) {
-      std::size_t const k = s.find('/');
-      return s.substr(0, k) + " " + (k == std::string::npos ? "" : s.substr(k + 1));
-    };
-    auto avail = [](std::string const& s) { return s.substr(s.find('=') + 1); };
-    std::string line;
-    if (op == "ConfigureIPGateway") {  // N/M via G dev IF src S metric X avail=A
-      std::string const dev = at(8) == "-" ? "" : at(8);
-      line = op + " " + slash(at(4)) + " " + at(6) + " " + at(10) + " '" + dev + "' " + at(12) +
-             " " + avail(at(13));
-    } else if (op == "RemoveIPGateway") {  // N/M via G avail=A
-      line = op + " " + slash(at(4)) + " " + at(6) + " " + avail(at(7));
-    } else if (op == "ConfigureIpDefaultGateway") {  // G metric X
-      line = op + " " + at(4) + " " + at(6);
-    } else if (op == "RemoveIPDefaultGateway") {
-      line = op + " " + at(4);
-    } else {
-      continue;  // the test's own requests
-    }
-    calls.push_back(line);
-  }
+  for (std::string line; std::getline(lines, line);)
+    for (auto const& [form, fake] : forms)
+      if (std::regex_match(line, form))
+        calls.push_back(
+            std::regex_replace(std::regex_replace(line, form, fake), std::regex("'-'"), "''"));
   return calls;
 }
 

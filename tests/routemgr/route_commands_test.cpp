@@ -1,46 +1,33 @@
 #include "service_fixture.h"
 
-using Lines = std::vector<std::string>;
-
-TEST_F(ServiceTest, SetRouteMasksNetworkAndRemembersOwner) {
+TEST_F(ServiceTest, SetRouteMasksTheNetworkAndReplacesARouteOfTheSameTag) {
   auto r = SetRoute(1, "192.168.1.77", "255.255.255.0", "10.0.0.1", "a", "0.0.0.0", "eth1", 7);
-  EXPECT_TRUE(r.success);
-  EXPECT_EQ(r.rc, 0);
+  EXPECT_TRUE(r.success && r.rc == 0);
   EXPECT_EQ(hal.Take(),
             Lines{"ConfigureIPGateway 192.168.1.0 255.255.255.0 10.0.0.1 0.0.0.0 'eth1' 7 1"});
   EXPECT_EQ(Traces(), Lines{"Recieved SetRoute (Net:192.168.1.77/255.255.255.0, GW: 10.0.0.1, "
                             "Tag:a, IF:eth1, SRC:0.0.0.0)"});
-  // Stored as given: the dump shows the host bits.
-  EXPECT_EQ(svc->Routes().at("a").m_network.GetIPString(), "192.168.1.77");
-  EXPECT_EQ(svc->RoutesByClient().at(Client(1)), (std::set<std::string>{"a"}));
 
-  // A failed installation keeps the route for the refresh.
-  hal.answer["ConfigureIPGateway"] = 5;
-  r = SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "b");
-  EXPECT_FALSE(r.success);
-  EXPECT_EQ(r.rc, 5);
-  EXPECT_EQ(Traces().back(), "Error Setting Route :5");
-  EXPECT_EQ(svc->Routes().count("b"), 1u);
-}
-
-TEST_F(ServiceTest, SetRouteOfKnownTagRemovesTheOldRouteFirst) {
-  SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "a");
-  hal.Take();
-  Traces();
+  // A failed removal of the old route is traced twice but does not fail the new one.
   hal.answer["RemoveIPGateway"] = -3;
-  auto r = SetRoute(1, "10.2.0.0", "255.255.0.0", "10.0.0.2", "a");
+  r = SetRoute(1, "10.2.0.0", "255.255.0.0", "10.0.0.2", "a");
   EXPECT_EQ(hal.Take(),
-            (Lines{"RemoveIPGateway 10.1.0.0 255.255.0.0 10.0.0.1 1",
+            (Lines{"RemoveIPGateway 192.168.1.0 255.255.255.0 10.0.0.1 1",
                    "ConfigureIPGateway 10.2.0.0 255.255.0.0 10.0.0.2 0.0.0.0 'eth1' 0 1"}));
-  // A failed removal is traced twice but does not fail the new route.
   EXPECT_TRUE(r.success);
   auto traces = Traces();
   ASSERT_EQ(traces.size(), 3u);
   EXPECT_EQ(traces[1], "Error Deleting Route :-3");
   EXPECT_EQ(traces[2], "Error Deleting existing Route after SetRoute Cmd (rc:-3)");
   EXPECT_EQ(svc->Routes().size(), 1u);
-  EXPECT_EQ(svc->Routes().at("a").m_gatewayIP.GetIPString(), "10.0.0.2");
-  EXPECT_EQ(svc->RoutesByClient().at(Client(1)).size(), 1u);
+
+  // A failed installation keeps the route for the refresh.
+  hal.answer["ConfigureIPGateway"] = 5;
+  r = SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "b");
+  EXPECT_TRUE(!r.success && r.rc == 5);
+  EXPECT_EQ(Traces().back(), "Error Setting Route :5");
+  EXPECT_EQ(svc->Routes().count("b"), 1u);
+  EXPECT_EQ(svc->RoutesByClient().at(Client(1)), (std::set<std::string>{"a", "b"}));
 }
 
 TEST_F(ServiceTest, DelRoute) {
@@ -57,9 +44,7 @@ TEST_F(ServiceTest, DelRoute) {
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.name);
-    if (c.setFirst) {
-      SetRoute(1, "10.1.2.3", "255.255.0.0", "10.0.0.1", "a");
-    }
+    if (c.setFirst) SetRoute(1, "10.1.2.3", "255.255.0.0", "10.0.0.1", "a");
     hal.Take();
     hal.answer["RemoveIPGateway"] = c.halAnswer;
     auto r = svc->DelRoute(Client(1), "a");
@@ -72,38 +57,13 @@ TEST_F(ServiceTest, DelRoute) {
   EXPECT_TRUE(svc->RoutesByClient().at(Client(1)).empty());
 }
 
-TEST_F(ServiceTest, TagsAreSharedBetweenClients) {
+// Tags are shared between clients: A's close removes B's route x, in tag
+// order and all of them even when the HAL fails; B's close then finds
+// nothing left.
+TEST_F(ServiceTest, AClosingClientTakesItsTagsWithIt) {
+  SetRoute(1, "10.3.0.0", "255.255.0.0", "10.0.0.1", "c");
   SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "x");
   SetRoute(2, "10.1.0.0", "255.255.0.0", "10.0.0.2", "x");
-  SetRoute(2, "10.9.0.0", "255.255.0.0", "10.0.0.2", "y");
-  svc->DelRoute(Client(2), "y");
-  hal.Take();
-  Traces();
-
-  // A's close removes B's route x; B's close then finds nothing left.
-  svc->OnClientClosed(nullptr, Client(1));
-  EXPECT_EQ(hal.Take(), Lines{"RemoveIPGateway 10.1.0.0 255.255.0.0 10.0.0.2 1"});
-  auto traces = Traces();
-  ASSERT_EQ(traces.size(), 3u);
-  EXPECT_EQ(traces[1], "found custom routes by disconnected client - deleting");
-  EXPECT_EQ(traces[2], "1 of 1 routes deleted");
-
-  svc->OnClientClosed(nullptr, Client(2));
-  EXPECT_TRUE(hal.Take().empty());
-  EXPECT_EQ(Traces().back(), "0 of 1 routes deleted");
-  EXPECT_TRUE(svc->RoutesByClient().empty());
-  EXPECT_TRUE(svc->Routes().empty());
-
-  svc->OnClientClosed(nullptr, Client(3));  // a client that never set a route
-  EXPECT_TRUE(hal.Take().empty());
-  traces = Traces();
-  ASSERT_EQ(traces.size(), 1u);
-  EXPECT_EQ(traces[0].rfind("Route Client Closed:", 0), 0u);
-}
-
-TEST_F(ServiceTest, CloseRemovesRoutesInTagOrderEvenWhenTheHalFails) {
-  SetRoute(1, "10.3.0.0", "255.255.0.0", "10.0.0.1", "c");
-  SetRoute(1, "10.1.0.0", "255.255.0.0", "10.0.0.1", "a");
   SetRoute(1, "10.2.0.0", "255.255.0.0", "10.0.0.1", "b");
   SetRoute(2, "10.2.0.0", "255.255.0.0", "10.0.0.1", "b");
   svc->DelRoute(Client(2), "b");
@@ -111,8 +71,19 @@ TEST_F(ServiceTest, CloseRemovesRoutesInTagOrderEvenWhenTheHalFails) {
   Traces();
   hal.answer["RemoveIPGateway"] = -1;
   svc->OnClientClosed(nullptr, Client(1));
-  EXPECT_EQ(hal.Take(), (Lines{"RemoveIPGateway 10.1.0.0 255.255.0.0 10.0.0.1 1",
-                               "RemoveIPGateway 10.3.0.0 255.255.0.0 10.0.0.1 1"}));
-  EXPECT_EQ(Traces().back(), "2 of 3 routes deleted");
+  EXPECT_EQ(hal.Take(), (Lines{"RemoveIPGateway 10.3.0.0 255.255.0.0 10.0.0.1 1",
+                               "RemoveIPGateway 10.1.0.0 255.255.0.0 10.0.0.2 1"}));
+  EXPECT_EQ(Traces(), (Lines{"Route Client Closed:10.0.0.1:4001",
+                             "found custom routes by disconnected client - deleting",
+                             "Error Deleting Route :-1", "Error Deleting Route :-1",
+                             "2 of 3 routes deleted"}));
   EXPECT_TRUE(svc->Routes().empty());
+
+  svc->OnClientClosed(nullptr, Client(2));
+  EXPECT_TRUE(hal.Take().empty());
+  EXPECT_EQ(Traces().back(), "0 of 1 routes deleted");
+  EXPECT_TRUE(svc->RoutesByClient().empty());
+  svc->OnClientClosed(nullptr, Client(3));  // a client that never set a route
+  EXPECT_TRUE(hal.Take().empty());
+  EXPECT_EQ(Traces(), Lines{"Route Client Closed:10.0.0.3:4003"});
 }

@@ -1,7 +1,5 @@
 #include "service_fixture.h"
 
-using Lines = std::vector<std::string>;
-
 TEST_F(ServiceTest, ServesRouteClientsAndRefreshesOnlyOnceBothClientsAreUp) {
   testing::internal::CaptureStdout();
   svc->OnScmConnected();

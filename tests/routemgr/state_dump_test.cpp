@@ -1,8 +1,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstdlib>
+#include <cstring>
 
 #include "diag/dump_signal.h"
 #include "service_fixture.h"
@@ -79,32 +78,25 @@ TEST_F(ServiceTest, DumpWithGatewaysRoutesAndConfiguredRoutes) {
 }
 
 TEST_F(ServiceTest, DumpSourcesAndFailures) {
-  cTempDir dir("routemgr-dump");
-  struct Case {
-    int source;
-    char const* line;
-  } cases[] = {{1, "- Dumpsource: SIG_REQ\n"},
-               {2, "- Dumpsource: SRV_REQ\n"},
-               {7, "- Dumpsource: UNKNOWN (7)\n"}};
-  for (auto const& c : cases) {
-    WriteDump(svc.get(), c.source, dir.Path() + "/");  // a trailing slash is harmless
-    std::string text = ReadFile(dir.Path() + "/routemgr.dmp");
-    EXPECT_EQ(text.substr(0, 25 + std::string(c.line).size()),
-              std::string("--- ROUTEMGR LR-DUMP ---\n") + c.line);
+  cTempDir dir("routemgr-dump"), other("routemgr-dump-planted");
+  std::string const file = dir.File("routemgr.dmp");
+  for (auto [source, line] : {std::pair{2, "SRV_REQ"}, {7, "UNKNOWN (7)"}}) {
+    WriteDump(svc.get(), source, dir.Path() + "/");  // a trailing slash is harmless
+    EXPECT_EQ(ReadFile(file).substr(25, 15 + std::strlen(line)),
+              std::string("- Dumpsource: ") + line + "\n");
   }
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string("/nonexistent/dir")));
   EXPECT_EQ(access("/nonexistent/dir/routemgr.dmp", F_OK), -1);
+  unlink(file.c_str());
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(dir.Path())));
-  EXPECT_EQ(ReadFile(dir.Path() + "/routemgr.dmp").substr(25, 22), "- Dumpsource: SRV_REQ\n");
+  EXPECT_EQ(ReadFile(file).substr(25, 22), "- Dumpsource: SRV_REQ\n");
 
   // A planted symlink or FIFO is not followed or waited on; its target stays as it was.
-  cTempDir other("routemgr-dump-planted");
-  std::string const dump = other.Path() + "/routemgr.dmp", target = other.Path() + "/target";
+  std::string const dump = other.File("routemgr.dmp"), target = other.File("target");
   std::fclose(std::fopen(target.c_str(), "w"));
   ASSERT_EQ(symlink(target.c_str(), dump.c_str()), 0);
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(other.Path())));
   EXPECT_EQ(ReadFile(target), "");
-  ASSERT_EQ(unlink(dump.c_str()), 0);
-  ASSERT_EQ(mkfifo(dump.c_str(), 0666), 0);
+  ASSERT_EQ(unlink(dump.c_str()) + mkfifo(dump.c_str(), 0666), 0);
   EXPECT_TRUE(svc->OnDumpRequest(nullptr, kest::s_string(other.Path())));
 }

@@ -10,7 +10,6 @@
 #include <functional>
 #include <iterator>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "kest/loop.h"
@@ -24,17 +23,15 @@ constexpr int kPumpTimeoutMs = 5000, kPollTimeoutMs = 10000;
 inline bool Until(std::function<bool()> const& done, int timeoutMs,
                   std::function<void()> const& step) {
   auto const deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
+  for (; !done(); step())
     if (std::chrono::steady_clock::now() >= deadline) return false;
-    step();
-  }
   return true;
 }
 // Turns this thread's kest loop until done() holds.
 inline bool PumpUntil(std::function<bool()> const& done, int timeoutMs = kPumpTimeoutMs) {
   return Until(done, timeoutMs, [] { kest::Loop().RunOnce(5); });
 }
-// Turns the loop a little longer (up to about 100 ms), for anything that should not come.
+// Turns the loop about 100 ms longer, for anything that should not come.
 inline void Settle() {
   for (int i = 0; i < 20; ++i) kest::Loop().RunOnce(5);
 }
@@ -59,7 +56,6 @@ class cTempDir {
     if (m_path != "/nonexistent") std::filesystem::remove_all(m_path, ignored);
   }
   cTempDir(cTempDir const&) = delete;
-  cTempDir& operator=(cTempDir const&) = delete;
   std::string const& Path() const { return m_path; }
   std::string File(std::string const& name) const { return m_path + "/" + name; }
 

@@ -6,47 +6,31 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <set>
 
 namespace testsupport {
 
-namespace {
-
-// "ELF 32-bit ARM EABI5 soft-float" for an executable, "" for anything
-// else (a script, a name looked up in PATH).
-std::string ElfMachine(std::string const& path) {
-  unsigned char h[40] = {};
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return "";
-  std::size_t const n = std::fread(h, 1, sizeof h, f);
-  std::fclose(f);
-  if (n < sizeof h ||
-      std::memcmp(h,
-                  "\x7f"
-                  "ELF",
-                  4) != 0 ||
-      h[5] != 1)
-    return "";
-  unsigned const machine = h[18] | h[19] << 8;
-  std::string text = std::string("ELF ") + (h[4] == 1 ? "32" : "64") + "-bit ";
-  if (machine == 62) return text + "x86-64";
-  if (machine != 40) return text + "machine " + std::to_string(machine);
-  std::uint32_t const flags = h[36] | h[37] << 8 | h[38] << 16 | std::uint32_t{h[39]} << 24;
-  return text + "ARM EABI" + std::to_string(flags >> 24) +
-         (flags & 0x200   ? " soft-float"
-          : flags & 0x400 ? " hard-float"
-                          : "");
-}
-
-}  // namespace
-
 void NoteMachine(std::string const& path) {
   static std::set<std::string> noted;
-  if (!noted.insert(path).second) return;
-  std::string const machine = ElfMachine(path);
-  if (!machine.empty()) std::printf("program started: %s: %s\n", path.c_str(), machine.c_str());
+  unsigned char h[40] = {};
+  FILE* f = noted.insert(path).second ? std::fopen(path.c_str(), "rb") : nullptr;
+  if (f == nullptr) return;  // noted before, or a name looked up in PATH
+  bool const elf = std::fread(h, 1, sizeof h, f) == sizeof h && std::memcmp(h + 1, "ELF", 3) == 0;
+  std::fclose(f);
+  if (!elf || h[0] != 0x7f || h[5] != 1) return;  // a script, or big-endian
+  unsigned const machine = h[18] | h[19] << 8;
+  std::uint32_t const flags = h[36] | h[37] << 8 | h[38] << 16 | std::uint32_t{h[39]} << 24;
+  std::string const what = machine == 62   ? "x86-64"
+                           : machine != 40 ? "machine " + std::to_string(machine)
+                                           : "ARM EABI" + std::to_string(flags >> 24) +
+                                                 (flags & 0x200   ? " soft-float"
+                                                  : flags & 0x400 ? " hard-float"
+                                                                  : "");
+  std::printf("program started: %s: ELF %s-bit %s\n", path.c_str(), h[4] == 1 ? "32" : "64",
+              what.c_str());
 }
 
 void cProcess::Start(std::vector<std::string> args, std::string log, std::vector<std::string> env) {
@@ -81,31 +65,33 @@ void cProcess::Start(std::vector<std::string> args, std::string log, std::vector
 }
 
 bool cProcess::Running() {
-  if (m_pid <= 0) return false;
   int status = 0;
+  if (m_pid <= 0) return false;
   pid_t const r = waitpid(m_pid, &status, WNOHANG);
   if (r == 0) return true;
-  m_status = r != m_pid ? kNotEnded : WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  if (r == m_pid) m_status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   m_pid = -1;
   return false;
 }
 
+// Under user-mode emulation of the target (the cross toolchain's emulator
+// line sets ROUTEMGR_EMULATED) this test is an ARM program in qemu-arm,
+// which cannot exec another ARM program by itself: the kernel has to hand
+// ARM executables to qemu-arm through an enabled binfmt_misc entry whose
+// magic is "7f454c46 01 ..." with e_machine 40 (0x0028) at bytes 18-19.
 std::string CannotStartPrograms() {
-  if (!Emulated()) return "";
-  // An enabled entry whose magic is that of a 32-bit little-endian ARM
-  // executable: "7f454c46 01 01 ..." with e_machine 40 (0x0028) at bytes 18-19.
+  if (std::getenv("ROUTEMGR_EMULATED") == nullptr) return "";
   std::string const dir = "/proc/sys/fs/binfmt_misc/";
-  if (ReadFile(dir + "status") == "enabled\n") {
-    std::error_code ec;
+  std::error_code ec;
+  if (ReadFile(dir + "status") == "enabled\n")
     for (auto const& entry : std::filesystem::directory_iterator(dir, ec)) {
       std::string const text = ReadFile(entry.path());
       std::size_t const magic = text.find("\nmagic ");
       if (text.rfind("enabled\n", 0) == 0 && text.find("\noffset 0\n") != std::string::npos &&
           magic != std::string::npos && text.compare(magic + 7, 10, "7f454c4601") == 0 &&
-          text.compare(magic + 7 + 36, 4, "2800") == 0)
+          text.compare(magic + 43, 4, "2800") == 0)
         return "";
     }
-  }
   return "starts another ARM program, which user-mode qemu cannot exec by itself: needs "
          "binfmt_misc to hand ARM executables to qemu-arm (scripts/ci-armel.sh registers it as "
          "root)";

@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -13,16 +12,15 @@
 
 namespace testsupport {
 
-constexpr int kStopTimeoutMs = 5000;
 constexpr int kNotEnded = -1000;  // Status() while it runs, or before it ran
 
-// Under user-mode emulation of the target (cross builds: the toolchain's
-// emulator line sets ROUTEMGR_EMULATED) this test is an ARM program in
-// qemu-arm, which cannot start another ARM program by itself: the kernel
-// has to hand ARM executables to qemu-arm (binfmt_misc).
-inline bool Emulated() { return std::getenv("ROUTEMGR_EMULATED") != nullptr; }
 // Why this test cannot start the programs under test; "" when it can.
 std::string CannotStartPrograms();
+// Prints "program started: PATH: ELF ... MACHINE" once per program, so a
+// log shows which build ran (the target's or the host's).
+void NoteMachine(std::string const& path);
+// A shell command run to its end: what it wrote to stdout and stderr.
+std::string Shell(std::string const& command);
 
 class cProcess {
  public:
@@ -32,7 +30,6 @@ class cProcess {
   }
   ~cProcess() { Stop(); }
   cProcess(cProcess const&) = delete;
-  cProcess& operator=(cProcess const&) = delete;
 
   // Runs argv (argv[0] a path, or a name looked up in PATH) with env's
   // "NAME=value" entries added, stdin from /dev/null, stdout and stderr
@@ -42,7 +39,7 @@ class cProcess {
   void Signal(int sig) const {
     if (m_pid > 0) kill(m_pid, sig);
   }
-  bool WaitExit(int timeoutMs = kStopTimeoutMs) {
+  bool WaitExit(int timeoutMs = 5000) {
     return PollUntil([this] { return !Running(); }, timeoutMs);
   }
   // SIGTERM, then SIGKILL if it will not end: Status().
@@ -69,13 +66,5 @@ class cProcess {
   pid_t m_pid = -1;
   int m_status = kNotEnded;
 };
-
-// Prints "program started: PATH: ELF ... MACHINE" once per program and test
-// process, so a log shows which build ran (the target's or the host's).
-// Start() does it for every program it runs.
-void NoteMachine(std::string const& path);
-
-// A shell command run to its end: what it wrote to stdout and stderr.
-std::string Shell(std::string const& command);
 
 }  // namespace testsupport
