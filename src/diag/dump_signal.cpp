@@ -33,14 +33,14 @@ void OnDumpPipe(std::uint32_t) {
   }
 }
 
-bool OpenDumpPipe() {
-  if (g_dumpPipe[0] >= 0) {
-    return true;
+// Without the pipe a SIGUSR1 dumps nothing; the daemon serves on, and says so once.
+void OpenDumpPipe() {
+  if (g_dumpPipe[0] >= 0) return;
+  if (pipe2(g_dumpPipe, O_NONBLOCK | O_CLOEXEC) != 0 ||
+      !kest::Loop().WatchFd(g_dumpPipe[0], EPOLLIN, OnDumpPipe)) {
+    printf("Unable to watch for dump requests (errno:%d/%s)\n", errno, strerror(errno));
+    fflush(stdout);
   }
-  if (pipe2(g_dumpPipe, O_NONBLOCK | O_CLOEXEC) != 0) {
-    return false;
-  }
-  return kest::Loop().WatchFd(g_dumpPipe[0], EPOLLIN, OnDumpPipe);
 }
 }  // namespace
 

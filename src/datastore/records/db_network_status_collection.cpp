@@ -14,12 +14,10 @@ void cDBNetworkStatusCollection::BeginSync() {
 
 bool cDBNetworkStatusCollection::ReceiveItem(std::string const& name,
                                              kest::cSerializeBuffer& bytes) {
-  bool known = false;
+  // The records' names differ, so at most one of them takes the bytes.
   bool decoded = false;
   ForEachPair([&](auto const&, auto& received) {
-    if (known || received.GetName() != name) return;
-    known = true;
-    decoded = received.Deserialize(bytes);
+    if (received.GetName() == name) decoded = received.Deserialize(bytes);
   });
   return decoded;
 }
