@@ -133,6 +133,9 @@ TEST_F(RouteServerTest, DeliversEachCommandWithItsClientAndAnswersIt) {
                       "a", 0));
     answer(b.DelRoute("unknown"));
     a.Close();
+  });
+  ASSERT_TRUE(PumpUntil([&] { return m_fake.closed == 1; }));
+  Step([&] {
     answer(b.DelGateway("wired"));
     answer(b.DelRoute("b"));
     b.Close();
@@ -142,7 +145,7 @@ TEST_F(RouteServerTest, DeliversEachCommandWithItsClientAndAnswersIt) {
                                  "SetGateway 10.0.0.1 tag=wired dev eth0 type=1 prio=5",
                                  "SetRoute ch1 10.1.0.0/255.255.0.0 via 192.168.1.1 src 0.0.0.0 "
                                  "dev eth1 tag=a prio=0",
-                                 "DelRoute ch2 tag=unknown", "DelGateway tag=wired",
+                                 "DelRoute ch2 tag=unknown", "Closed ch1", "DelGateway tag=wired",
                                  "DelRoute ch2 tag=b", "Closed ch2"}));
   EXPECT_EQ(answers, (Lines{"fail 5", "ok 0", "fail -100", "ok 0", "ok 0"}));
 }
