@@ -84,18 +84,14 @@ TEST(Datactl, CommandLinesAndPrefixes) {
   } const cases[] = {
       {{"set-wan-setup", "lte"}, nullptr},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "via", "vpn", "desc", "a b"}, nullptr},
-      {{"route-set", "dsl", "k", "10.0.0.0/255.0.0.0", "via", "vpn"}, nullptr},
       {{"route-set", "dsl", "k", "0.0.0.0/0", "via", "wired"}, nullptr},
       {{"route-set", "dsl", "k", "10.0.0.0/33", "via", "vpn"}, "\"33\" is no prefix length"},
       {{"route-set", "dsl", "k", "10.0.0.0/255.0.255.0", "via", "vpn"}, "not a contiguous netmask"},
       {{"route-set", "dsl", "k", "10.0.0.0", "via", "vpn"}, "\"10.0.0.0\" is no prefix"},
-      {{"route-set", "dsl", "k", "10.0.0/8", "via", "vpn"}, "\"10.0.0\" is not a dotted IPv4"},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "via", "modem"}, "neither wired, wireless, vpn"},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "through", "vpn"}, "expected SETUP KEY"},
       {{"route-del", "dsl"}, "wrong number of arguments"},
-      {{"route-set", "dsl", "k", "010.0.0.0/8", "via", "vpn"}, "\"010.0.0.0\" is not a dotted"},
       {{"frobnicate"}, "unknown command"},
-      {{}, "no command"},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.args));

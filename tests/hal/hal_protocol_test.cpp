@@ -63,7 +63,6 @@ TEST(HalProtocol, GarbageIsRefusedWithTheFieldNamed) {
     char const* errorPart;
   } const cases[] = {
       {halop::kRemoveIPDefaultGateway, {9, 1, 0, 0, 0, 'x'}, "gateway"},  // unknown string version
-      {halop::kRemoveIPDefaultGateway, {1, 0xFF, 0xFF, 0xFF, 0xFF}, "gateway"},  // past the end
       {halop::kRemoveIPGateway, badBool, "gwAvailable"},
       {99, {}, "unknown operation 99"},
   };
@@ -94,9 +93,6 @@ TEST(HalProtocol, AnswersRoundTripAndBrokenOnesAreRefused) {
   ASSERT_TRUE(DecodeRouteList(body, back, error)) << error;
   EXPECT_EQ(std::make_tuple(list.result, list.lines, list.more),
             std::make_tuple(back.result, back.lines, back.more));
-  int rc = 1;
-  kest::cSerializeBuffer shortResult(std::vector<std::uint8_t>{1, 2, 3}.data(), 3);
-  EXPECT_FALSE(DecodeResult(shortResult, rc, error));
   kest::cSerializeBuffer lying;  // a count the body cannot hold is not allocated for
   lying.WriteU32(0);
   lying.WriteU32(0xFFFFFFFFu);

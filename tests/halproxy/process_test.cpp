@@ -1,12 +1,11 @@
 // halproxy as a program: the HAL client talking to it, bad input on its
 // socket and an access point it cannot take. Requests over TCP, with the
-// results and the log they give, run end to end (tests/e2e) and in
-// tests/routemgr/hal_batch_test.cpp. Its listener's options reach
+// results and the log they give, batches included, run end to end
+// (tests/e2e) and in tests/routemgr/hal_batch_test.cpp. Its listener's options reach
 // the same transport as the other programs' (see the datamgr test and the
 // packaged settings in the end-to-end access test).
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 
 #include "hal/hal_protocol.h"
@@ -26,32 +25,6 @@ class HalproxyProcess : public ::testing::Test {
   }
   cProxyProcess proxy;
 };
-
-// The refresh's batch: more requests in flight than one window, answered in
-// the order asked (a removal between installations), failures counted. A
-// proxy that dies mid-batch: tests/routemgr/hal_batch_test.cpp.
-TEST_F(HalproxyProcess, BatchKeepsOrderAndCountsFailedAnswers) {
-  ASSERT_TRUE(proxy.Start({"--interfaces=eth1", "--enable-test-ops"}));
-  ASSERT_TRUE(proxy.Connect());
-  hal::cHalClient& hal = proxy.Hal();
-  ASSERT_EQ(0, hal.InjectFault(hal::halop::kConfigureIPGateway, -5, 2));
-  auto const net = [](int i) { return kest::FormatString("10.%d.%d.0", i / 256, i % 256); };
-  int const routes = 3 * static_cast<int>(kest::cServiceClient::kPostWindow);
-  hal.BeginBatch();
-  for (int i = 0; i < routes; ++i) {
-    ASSERT_EQ(0, hal.ConfigureIPGateway(net(i), "255.255.255.0", "192.168.1.1", "0.0.0.0", "eth1",
-                                        0, true));
-  }
-  // Leaves in the same write as the installation it undoes.
-  EXPECT_EQ(0, hal.RemoveIPGateway(net(routes - 1), "255.255.255.0", "192.168.1.1", true));
-  EXPECT_EQ(2u, hal.EndBatch());  // the first two met the fault
-  Lines table = proxy.Routes();
-  EXPECT_EQ(static_cast<std::size_t>(routes - 3), table.size());
-  EXPECT_EQ(table.end(), std::find(table.begin(), table.end(),
-                                   net(routes - 1) + "/24 via 192.168.1.1 dev eth1 metric 0"));
-  EXPECT_NE(table.end(), std::find(table.begin(), table.end(),
-                                   net(routes - 2) + "/24 via 192.168.1.1 dev eth1 metric 0"));
-}
 
 void Put(std::vector<std::uint8_t>& out, std::uint8_t kind, std::uint16_t op,
          std::vector<std::uint8_t> body) {
@@ -98,11 +71,6 @@ TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) 
   EXPECT_EQ(-EPERM, proxy.Hal().InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
   EXPECT_TRUE(proxy.Logged("-> -1 (Operation not permitted: test operations are off"));
   EXPECT_EQ(0, proxy.Stop());
-}
-
-TEST_F(HalproxyProcess, AnAccessPointItCannotTakeEndsItWithOne) {
-  EXPECT_EQ(1, proxy.Run({"--listen", "unix:/nonexistent-dir/hal.sock"}));
-  EXPECT_NE(proxy.Log().find("cannot listen on"), std::string::npos) << proxy.Log();
 }
 
 }  // namespace

@@ -32,17 +32,15 @@ struct LoopReset : ::testing::EmptyTestEventListener {
 inline bool const kLoopReset =
     (::testing::UnitTest::GetInstance()->listeners().Append(new LoopReset), true);
 
-inline Bytes Wire(std::uint8_t kind, std::uint32_t id, std::uint16_t op, std::string const& body) {
-  kest::cFrame f{kind, id, op, {}};
-  f.body.Write(body.data(), body.size());
-  Bytes out;
-  kest::EncodeFrame(f, out);
-  return out;
-}
 inline Bytes Wire(kest::cFrame const& f) {
   Bytes out;
   kest::EncodeFrame(f, out);
   return out;
+}
+inline Bytes Wire(std::uint8_t kind, std::uint32_t id, std::uint16_t op, std::string const& body) {
+  kest::cFrame f{kind, id, op, {}};
+  f.body.Write(body.data(), body.size());
+  return Wire(f);
 }
 
 inline std::string Text(kest::cSerializeBuffer const& b) {
@@ -114,20 +112,16 @@ struct RawClient : RawEnd {
   // The server's answer to a hello: "accepted", or the refusal's reason.
   std::string Greet(kest::cServiceId const& wanted) {
     Send(Wire(kest::HelloFrame(100, wanted)));
-    if (!Receive(frame)) return "none";
+    return Answer();
+  }
+  std::string Answer() {
     kest::cGreeting g;
     std::string error;
+    if (!Receive(frame)) return "none";
     if (frame.kind == kest::cFrame::kReply && kest::DecodeAccept(frame.body, g, error)) {
       return "accepted";
     }
     return kest::DecodeRefusal(frame.body, g, error) ? g.reason : "bad: " + error;
-  }
-  // The reason of the server's refusal, once the connection has closed after it.
-  std::string Refusal() {
-    kest::cGreeting g;
-    std::string error;
-    if (!Receive(frame) || !kest::DecodeRefusal(frame.body, g, error)) return "no refusal";
-    return ClosedByServer() ? g.reason : "still open";
   }
 };
 

@@ -157,7 +157,6 @@ TEST_F(RouteServerTest, AcceptsOnlyOnceReadyAnswersInOrderAndClientFailuresHaveC
   EXPECT_FALSE(c.Connect("unix:" + Path(), 500, error));
   EXPECT_EQ(c.DelRoute("x").rc, routeerr::kNotConnected);
   ASSERT_TRUE(m_server->SetReady());
-  ASSERT_TRUE(m_server->SetReady());  // again: harmless
   Step([&] { EXPECT_TRUE(c.Connect("unix:" + Path(), 300, error)) << error; });
   constexpr std::uint32_t kCount = 1000;
   std::vector<std::int32_t> rcs;
@@ -171,9 +170,6 @@ TEST_F(RouteServerTest, AcceptsOnlyOnceReadyAnswersInOrderAndClientFailuresHaveC
   ASSERT_EQ(rcs.size(), kCount);
   for (std::uint32_t i = 0; i < kCount; ++i) ASSERT_EQ(rcs[i], std::int32_t(i)) << "out of order";
   ASSERT_EQ(m_fake.lines.size(), kCount + 1);
-  EXPECT_EQ(m_fake.lines[kCount],
-            "SetRoute ch1 10.3.231.0/255.255.255.0 via 192.168.1.1 src "
-            "0.0.0.0 dev eth1 tag=r999 prio=999");
   // The loop is not turned: the answer is late. The next call must get its
   // own answer, not the late one.
   EXPECT_EQ(c.DelRoute("late").rc, routeerr::kTimeout);
@@ -220,7 +216,6 @@ TEST_F(RouteServerTest, GarbageClosesTheClientWithATraceAndCloseIsDelivered) {
     EXPECT_TRUE(raw.ClosedByServer());  // without an answer
     ASSERT_TRUE(PumpUntil([&] { return m_fake.closed == 1; }));
     EXPECT_EQ(m_fake.lines, (Lines{"Connected ch1", "Closed ch1"}));  // no command delivered
-    EXPECT_THAT(m_traces.Messages(), Has(kest::FormatString("uid=%u pid=%d", getuid(), getpid())));
     EXPECT_THAT(m_traces.Messages(), Has(c.trace));
   }
 }
