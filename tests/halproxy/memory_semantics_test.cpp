@@ -37,6 +37,34 @@ class cMemoryWorld : public IWorld {
   halproxy::cMemoryBackend m_backend{{"veth0", "veth1"}};
 };
 
+// Removals that reach the backend together must each see the table as the
+// ones before them left it: two asking for one destination take both routes.
+TEST(MemorySemantics, RemovalsOfOneBatchActAsOneAfterTheOther) {
+  halproxy::cMemoryBackend backend{{"veth0"}};
+  halproxy::cRouteKeeper keeper(backend, 3);
+  auto route = [](char const* net, std::uint32_t metric) {
+    halproxy::cRoute r;
+    r.dst = Ip(net);
+    r.prefixLen = 16;
+    r.gateway = Ip(kGw0);
+    r.metric = metric;
+    return r;
+  };
+  std::vector<halproxy::cResult> results;
+  keeper.Configure({route("10.1.0.0", 0), route("10.1.0.0", 5), route("10.2.0.0", 0)}, results);
+  backend.AddForeign(route("10.3.0.0", 0));
+  keeper.Invalidate();  // as the proxy does when notified
+  keeper.RemoveMany(
+      {route("10.1.0.0", 0), route("10.3.0.0", 0), route("10.1.0.0", 0), route("10.9.0.0", 0)},
+      results);
+  std::vector<int> codes;
+  for (auto const& r : results) codes.push_back(r.code);
+  EXPECT_EQ((std::vector<int>{0, halproxy::kNotOurs, 0, 0}), codes);
+  Lines lines;
+  ASSERT_EQ(0, keeper.ListOurs(lines).code);
+  EXPECT_EQ((Lines{"10.2.0.0/16 via 192.0.2.1 metric 0"}), lines);
+}
+
 TEST(MemorySemantics, TableAfterRequests) {
   kest::ResetLoop();
   RunCases([] { return std::make_unique<cMemoryWorld>(); });

@@ -130,6 +130,15 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
   expected.back() = 0;
   EXPECT_EQ(expected, codes());
   EXPECT_EQ(4u, Table().size());
+
+  // Removals go in one exchange too; one that finds nothing has nothing to do.
+  backend.RemoveMany(
+      {Route("10.1.0.0", 16, kGw0), Route("10.9.0.0", 16, kGw0), Route("10.5.0.0", 16, kGw0)},
+      results);
+  EXPECT_EQ((std::vector<int>{0, 0, 0}), codes());
+  EXPECT_EQ((Lines{"10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7",
+                   "10.6.0.0/16 via 198.51.100.1 dev veth1"}),
+            Table());
 }
 
 // The semantics table of the memory backend, on the kernel: each case in a
