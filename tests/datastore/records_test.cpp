@@ -14,41 +14,26 @@ namespace {
 
 kest::s_socket_addr Ip(const char* text) { return kest::s_socket_addr(text, 0); }
 
-leaseEntry Lease(const char* host) {
-  leaseEntry e;
-  e.m_hostName.Set(host);
-  e.m_leaseState.Set(2);
-  e.m_macAddress.Set("00:11:22:33:44:55");
-  return e;
-}
-
-// Every record filled with values that differ from its defaults, in members
-// of every kind (one member list drives each record's codec, text and
-// comparison; the defaults test below shows that list whole).
-void Fill(cDBStatusConnection& r) {
-  r.m_online.Set(true);
-  r.m_onlineSeconds.Set(99999);
-}
+// Every record filled with values that differ from its defaults, between
+// them in members of every kind (a member left out of a record's member list
+// shows in the size of its defaults below).
+void Fill(cDBStatusConnection& r) { r.m_online.Set(true); }
 void Fill(cDBStatusWan& r) {
   r.m_wanState.Set(3);
   r.m_wanSetupName.Set("home");
 }
 void Fill(cDBStatusWiredWan& r) {
-  r.m_interfaceName.Set("eth1");
   r.m_dhcpServer = Ip("192.168.1.1");
-  r.m_searchDomains = {"b.lan", "a.lan"};
   r.m_rxBytes.Set(1ull << 40);
-  r.m_leases[Ip("10.0.0.9")] = Lease("nine");
 }
 void Fill(cDBStatusWirelessWan& r) {
   r.m_roaming.Set(true);
   r.m_signalStrength.Set(-71);
-  r.m_iccid.Set("8949");
-  r.m_dns = Ip("1.1.1.1");
 }
 void Fill(cDBStatusLan& r) {
   r.m_interfaces = {"lan1", "lan2"};
-  r.m_leases[Ip("192.168.0.5")] = Lease("pc");
+  r.m_leases[Ip("192.168.0.5")].m_hostName.Set("pc");
+  r.m_leases[Ip("10.0.0.2")].m_macAddress.Set("00:11:22:33:44:55");
 }
 void Fill(cDBConfigWanRoute& r) {
   r = cDBConfigWanRoute("r1", "/d/", Ip("10.10.0.0"), Ip("255.255.0.0"), Ip("1.2.3.4"), 4, "x");
@@ -73,7 +58,7 @@ TYPED_TEST_SUITE(RecordTest, Records);
 
 }  // namespace
 
-TYPED_TEST(RecordTest, RoundTripsEveryMemberAndRefusesAnyTruncationUntouched) {
+TYPED_TEST(RecordTest, RoundTripsAndRefusesAnyTruncationUntouched) {
   TypeParam sent, got;
   Fill(sent);
   ASSERT_FALSE(sent.Equals(TypeParam()));
