@@ -28,8 +28,6 @@ TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
        data + " is the data manager, not the route manager"},
       {stack.Routectl({"--hal", route, "--hal-table"}),
        route + " is the route manager, not the HAL proxy"},
-      {stack.Datactl({"--server", hal, "set-wan-setup", "lte"}),
-       hal + " is the HAL proxy, not the data manager"},
   };
   for (auto const& c : cases) {
     EXPECT_EQ(c.run.status, 1) << c.said;

@@ -3,7 +3,6 @@
 // input as a crash).
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>

@@ -5,8 +5,7 @@
 #include "service_fixture.h"
 #include "support/poll.h"
 
-using testsupport::cTempDir;
-using testsupport::ReadFile;
+using namespace testsupport;
 
 TEST_F(ServiceTest, DumpOfAFreshService) {
   cTempDir dir("routemgr-dump");
