@@ -16,26 +16,18 @@ TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
   cStack stack;
   ASSERT_TRUE(stack.Start());
   ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));  // the configuration is in
-  ASSERT_EQ(stack
-                .Routectl({"gateway", "set", "wired", "192.168.1.254", "dev", "eth1", "type",
-                           "default", "metric", "5"})
-                .status,
-            0);
-  ASSERT_TRUE(stack.WaitTable({"default via 192.168.1.254 metric 5"}));
   std::vector<std::string> const before = stack.HalTable();
   std::string const hal = stack.halSap, data = stack.dataSap, route = stack.routeSap;
   struct Case {
     cToolRun run;
     std::string said;
   } const cases[] = {
-      {stack.Routectl({"--server", hal, "gateway", "del", "wired"}),
+      {stack.Routectl({"--server", hal, "gateway", "set", "w", "10.1.1.1", "type", "default"}),
        hal + " is the HAL proxy, not the route manager"},
-      {stack.Routectl({"--server", data, "gateway", "del", "wired"}),
+      {stack.Routectl({"--server", data, "gateway", "set", "w", "10.1.1.1", "type", "default"}),
        data + " is the data manager, not the route manager"},
       {stack.Routectl({"--hal", route, "--hal-table"}),
        route + " is the route manager, not the HAL proxy"},
-      {stack.Datactl({"--server", hal, "set-wan-setup", "lte"}),
-       hal + " is the HAL proxy, not the data manager"},
   };
   for (auto const& c : cases) {
     EXPECT_EQ(c.run.status, 1) << c.said;
@@ -53,30 +45,23 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run tools as another user";
   if (std::system("setpriv --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no setpriv";
   constexpr char kClientGid[] = "4242", kAdminGid[] = "4243";
-  cStack::cOptions options;
   testsupport::cTempDir run("rm-e2e-run");
   chmod(run.Path().c_str(), 0755);  // the other user must reach the sockets
-  std::vector<std::vector<std::string>> args(3);
+  for (char const* sub : {"/hal", "/data", "/route"}) mkdir((run.Path() + sub).c_str(), 0755);
+  cStack stack;
   std::stringstream all(PACKAGED_ACCESS);
-  std::string one;
-  for (auto& list : args) {
+  for (auto* list : {&stack.halArgs, &stack.dataArgs, &stack.routeArgs}) {
+    std::string one;
     std::getline(all, one, '|');
-    auto swap = [&](std::string const& from, std::string const& to) {
+    for (auto [from, to] : {std::pair<std::string, std::string>{PACKAGED_RUN_DIR, run.Path()},
+                            {",routemgr", ",0"},
+                            {PACKAGED_CLIENT_GROUP, kClientGid},
+                            {PACKAGED_ADMIN_GROUP, kAdminGid}})
       for (std::size_t at; (at = one.find(from)) != std::string::npos;)
         one.replace(at, from.size(), to);
-    };
-    swap(PACKAGED_RUN_DIR, run.Path());
-    swap(",routemgr", ",0");
-    swap(PACKAGED_CLIENT_GROUP, kClientGid);
-    swap(PACKAGED_ADMIN_GROUP, kAdminGid);
     std::stringstream words(one);
-    for (std::string w; words >> w;) list.push_back(w);
+    for (std::string w; words >> w;) list->push_back(w);
   }
-  for (char const* sub : {"/hal", "/data", "/route"}) mkdir((run.Path() + sub).c_str(), 0755);
-  options.halArgs.insert(options.halArgs.end(), args[0].begin(), args[0].end());
-  options.dataArgs = args[1];
-  options.routeArgs = args[2];
-  cStack stack(options);
   stack.halSap = "unix:" + run.Path() + "/hal/hal.sock";
   stack.dataSap = "unix:" + run.Path() + "/data/data.sock";
   stack.routeSap = "unix:" + run.Path() + "/route/route.sock";

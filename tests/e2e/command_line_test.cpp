@@ -28,28 +28,16 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
       {ROUTEMGR_BIN, {"--props", badProps}, badProps + ":2: expected key=value"},
       {ROUTEMGR_BIN, {"--props"}, "option '--props' needs a value"},
       {ROUTEMGR_BIN, {"stray"}, "unexpected argument 'stray'"},
-      {HALPROXY_BIN, {"--help"}, "--unavailable=skip|unreachable"},
       {HALPROXY_BIN, {"-V"}, "halproxy" + version + "\n"},
       {HALPROXY_BIN, {"--backend", "kernel"}, "bad value 'kernel' for --backend: expected memory"},
-      {HALPROXY_BIN, {"--listen=unix:/h", "--socket-mode=0800"}, "bad value '0800' for --socket"},
       {HALPROXY_BIN, {"--backend=netlink", "--interfaces=eth0"}, "--interfaces is only for"},
       {HALPROXY_BIN, {"--allow-uid=0"}, "need --listen unix:/path"},  // the default is TCP
       {HALPROXY_BIN, {"--enable-test-ops=yes"}, "option '--enable-test-ops' takes no value"},
-      {HALPROXY_BIN, {"-x"}, "unknown option '-x'"},
-      {DATAMGR_BIN, {"-h"}, "--admin-gid=GROUP"},
-      {DATAMGR_BIN, {"--send-limit", "1024"}, "bad value '1024' for --send-limit"},
-      {DATAMGR_BIN, {"--max-connections=0"}, "bad value '0' for --max-connections"},
       {DATAMGR_BIN, {"--allow-gid=no-such-group-here"}, "unknown group \"no-such-group-here\""},
-      {DATAMGR_BIN, {"--admin-gid", "0"}, "need --listen unix:/path"},
-      {DATACTL_BIN, {"--help"}, "set-wan-setup NAME"},
       {DATACTL_BIN, {"--server=nowhere", "list"}, "bad value 'nowhere' for --server"},
-      {DATACTL_BIN, {"-s"}, "option '-s' needs a value"},
       {DATACTL_BIN, {}, "no command given"},
-      {ROUTECTL_BIN, {"-h"}, "--hal-table"},
       {ROUTECTL_BIN, {"--timeout", "0", "route", "del", "x"}, "bad value '0' for --timeout: milli"},
-      {ROUTECTL_BIN, {"--wait=x", "route", "del", "x"}, "bad value 'x' for --wait"},
       {ROUTECTL_BIN, {"--nope"}, "unknown option '--nope'"},
-      {ROUTECTL_BIN, {"--hal-table", "route"}, "--hal-table takes no command"},
       // A leading zero is refused as inet_pton refuses it, not read as 10.
       {ROUTECTL_BIN, {"route", "set", "x", "010.0.0.0/8", "via", "1.2.3.4"}, "bad prefix '010."},
   };
@@ -67,8 +55,8 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
     EXPECT_NE((asked ? out : err).find(c.said), std::string::npos) << out << err;
     EXPECT_EQ(asked ? err : out, "");
     std::string const hint = "\nTry '" + name + " --help'.\n";
-    EXPECT_TRUE(asked || (err.rfind(name + ": ", 0) == 0 && err.size() > hint.size() &&
-                          err.compare(err.size() - hint.size(), hint.size(), hint) == 0))
+    EXPECT_TRUE(asked ||
+                (err.rfind(name + ": ", 0) == 0 && err.find(hint) == err.size() - hint.size()))
         << err;
   }
 }

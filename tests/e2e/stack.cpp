@@ -15,18 +15,32 @@ namespace {
 // Every test starts the programs: each skips itself where it cannot.
 class cSkipWhenProgramsCannotStart : public ::testing::Environment {
   void SetUp() override {
-    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
-      GTEST_SKIP() << why;
+    if (std::string const why = CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
   }
 };
 [[maybe_unused]] ::testing::Environment* const g_skip =
     ::testing::AddGlobalTestEnvironment(new cSkipWhenProgramsCannotStart);
 
-}  // namespace
-
-cStack::cStack(cOptions options) : m_options(std::move(options)) {
-  if (!m_options.halPrefix.empty()) halSap = "unix:" + dir + "/hal.sock";
+// Starts a daemon into slot; true once it says where it listens (sap).
+bool Launch(std::unique_ptr<cProcess>& slot, std::string const& logPath,
+            std::vector<std::string> argv, std::vector<std::string> const& more, std::string& sap,
+            std::vector<std::string> env = {}) {
+  argv.insert(argv.end(), more.begin(), more.end());
+  // "JOURNAL_STREAM=" asks for what systemd puts there when standard error
+  // is the journal: that stream's device and inode, here the log file's.
+  struct stat st {};
+  for (auto& e : env)
+    if (e == "JOURNAL_STREAM=" && (std::ofstream(logPath), stat(logPath.c_str(), &st) == 0))
+      e += std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+  slot = std::make_unique<cProcess>(std::move(argv), logPath, std::move(env));
+  if (!slot->WaitForLog("listening on ")) return false;
+  std::string const log = slot->Log();
+  std::size_t const at = log.find("listening on ") + 13;
+  sap = log.substr(at, log.find_first_of(" ,\n", at) - at);
+  return true;
 }
+
+}  // namespace
 
 cStack::~cStack() {
   // Route clients first, the daemon next, its peers last: the order of a
@@ -44,46 +58,22 @@ std::string cStack::NextFile(std::string const& name, bool log) {
   return path;
 }
 
-std::string cStack::Write(std::string const& name, std::string const& text) const {
-  std::ofstream(dir + "/" + name) << text;
-  return dir + "/" + name;
-}
-
-bool cStack::Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
-                    std::vector<std::string> argv, std::vector<std::string> const& more,
-                    std::string& sap, std::vector<std::string> env) {
-  argv.insert(argv.end(), more.begin(), more.end());
-  std::string const logPath = NextFile(name + ".log");
-  // "JOURNAL_STREAM=" asks for what systemd puts there when standard error
-  // is the journal: that stream's device and inode, here the log file's.
-  struct stat st {};
-  for (auto& e : env)
-    if (e == "JOURNAL_STREAM=" && (std::ofstream(logPath), stat(logPath.c_str(), &st) == 0))
-      e += std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
-  slot = std::make_unique<cProcess>(std::move(argv), logPath, std::move(env));
-  if (!slot->WaitForLog("listening on ")) return false;
-  std::string const log = slot->Log();
-  std::size_t const at = log.find("listening on ") + 13;
-  sap = log.substr(at, log.find_first_of(" ,\n", at) - at);
-  return true;
-}
-
 bool cStack::StartHal() {
-  std::vector<std::string> argv = m_options.halPrefix;
+  std::vector<std::string> argv = halPrefix;
   argv.insert(argv.end(), {HALPROXY_BIN, "--listen=" + halSap, "--log-level=debug"});
-  return Launch(hal, "halproxy", argv, m_options.halArgs, halSap);
+  return Launch(hal, NextFile("halproxy.log"), argv, halArgs, halSap);
 }
 
 bool cStack::StartDataMgr() {
-  return Launch(data, "datamgr", {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap},
-                m_options.dataArgs, dataSap);
+  return Launch(data, NextFile("datamgr.log"),
+                {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap}, dataArgs, dataSap);
 }
 
 bool cStack::StartRouteMgr(std::vector<std::string> env) {
-  return Launch(route, "routemgr",
+  return Launch(route, NextFile("routemgr.log"),
                 {ROUTEMGR_BIN, "--prop", "system.customHalProxSap=" + halSap, "--prop",
                  "system.customDataMgrSap=" + dataSap, "--prop", "system.routeMgrSap=" + routeSap},
-                m_options.routeArgs, routeSap, std::move(env));
+                routeArgs, routeSap, std::move(env));
 }
 
 std::vector<std::string> cStack::HalTable() const {
@@ -98,14 +88,12 @@ std::vector<std::string> cStack::HalTable() const {
                                              int timeoutMs) const {
   std::vector<std::string> table;
   auto in = [&](std::string const& l) { return std::count(table.begin(), table.end(), l) > 0; };
-  if (PollUntil(
-          [&] {
-            table = HalTable();
-            return std::all_of(want.begin(), want.end(), in) &&
-                   std::none_of(unwanted.begin(), unwanted.end(), in);
-          },
-          timeoutMs))
-    return ::testing::AssertionSuccess();
+  auto holds = [&] {
+    table = HalTable();
+    return std::all_of(want.begin(), want.end(), in) &&
+           std::none_of(unwanted.begin(), unwanted.end(), in);
+  };
+  if (PollUntil(holds, timeoutMs)) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure()
          << "the HAL proxy's table: " << testing::PrintToString(table);
 }
@@ -113,7 +101,7 @@ std::vector<std::string> cStack::HalTable() const {
 // Bounded by timeout(1), so a hung tool fails the test instead of holding it.
 cToolRun cStack::Run(std::string const& program, std::string const& sap,
                      std::vector<std::string> const& args, std::string const& input) {
-  testsupport::NoteMachine(program);
+  NoteMachine(program);
   std::string const base = NextFile(program.substr(program.rfind('/') + 1), false);
   std::string cmd = "timeout -s KILL 10 " + toolPrefix + program + " --server " + sap;
   for (auto const& a : args) cmd += " '" + a + "'";
@@ -125,9 +113,11 @@ cToolRun cStack::Run(std::string const& program, std::string const& sap,
           ReadFile(base + ".err")};
 }
 
-std::unique_ptr<cProcess> cStack::SpawnRoutectl(std::vector<std::string> const& args) {
-  std::vector<std::string> argv{ROUTECTL_BIN, "--server", routeSap};
-  argv.insert(argv.end(), args.begin(), args.end());
+std::unique_ptr<cProcess> cStack::SpawnRoutectl(std::string const& batch, bool hold) {
+  std::string const file = NextFile("batch", false);
+  std::ofstream(file) << batch;
+  std::vector<std::string> argv{ROUTECTL_BIN, "--server", routeSap, "-b", file};
+  if (hold) argv.insert(argv.begin() + 3, "--hold");
   return std::make_unique<cProcess>(argv, NextFile("routectl.log"));
 }
 

@@ -14,29 +14,18 @@
 
 namespace e2e {
 
-using testsupport::cProcess;
-using testsupport::PollUntil;
-using testsupport::ReadFile;
+using namespace testsupport;
 
 // The route the shipped example configures in setup "dsl" (own gateway).
 constexpr char kMgmtRoute[] = "192.168.50.0/24 via 192.168.1.254 metric 0";
 
 struct cToolRun {
-  int status = -1000;  // the exit code; 137 when it was killed after 10 s
+  int status;  // the exit code; 137 when it was killed after 10 s
   std::string out, err;
 };
 
 class cStack {
  public:
-  struct cOptions {
-    // e.g. "ip netns exec NS" for a kernel in a namespace; the proxy then
-    // listens on a Unix socket, reachable across namespaces.
-    std::vector<std::string> halPrefix;
-    std::vector<std::string> halArgs{"--backend=memory"};
-    std::vector<std::string> dataArgs, routeArgs;  // appended to the defaults
-  };
-  cStack() : cStack(cOptions{}) {}
-  explicit cStack(cOptions options);
   ~cStack();  // stops everything; prints the tail of every log when the test has failed
 
   // Each true once the daemon listens; routemgr listens once both peers are in.
@@ -48,6 +37,8 @@ class cStack {
   testsupport::cTempDir tmp{"rm-e2e"};  // logs and files, gone with the stack
   // Port 0 until the daemon has told which one it took (a restart takes it again).
   std::string dir = tmp.Path(), halSap = "127.0.0.1:0", dataSap = halSap, routeSap = halSap;
+  // Before the daemon's command line (e.g. "ip netns exec NS"), after it.
+  std::vector<std::string> halPrefix, halArgs{"--backend=memory"}, dataArgs, routeArgs;
   std::unique_ptr<cProcess> hal, data, route;
   std::string toolPrefix;  // before every tool's command line, e.g. "setpriv ... "
 
@@ -62,20 +53,15 @@ class cStack {
     return Run(ROUTECTL_BIN, routeSap, args, input);
   }
   cToolRun Datactl(std::vector<std::string> const& args) { return Run(DATACTL_BIN, dataSap, args); }
-  // A routectl that keeps running (for --hold); its output goes to a log.
-  std::unique_ptr<cProcess> SpawnRoutectl(std::vector<std::string> const& args);
-  std::string Write(std::string const& name, std::string const& text) const;  // its path
+  // A routectl running batch in the background, holding its routes (or,
+  // without hold, ending after the batch); its output goes to a log.
+  std::unique_ptr<cProcess> SpawnRoutectl(std::string const& batch, bool hold = true);
 
  private:
   std::string NextFile(std::string const& name, bool log = true);
   cToolRun Run(std::string const& program, std::string const& sap,
                std::vector<std::string> const& args, std::string const& input = "");
-  // Starts a daemon into slot; true once it says where it listens (sap).
-  bool Launch(std::unique_ptr<cProcess>& slot, std::string const& name,
-              std::vector<std::string> argv, std::vector<std::string> const& more, std::string& sap,
-              std::vector<std::string> env = {});
 
-  cOptions m_options;
   std::vector<std::string> m_logs;
   int m_files = 0;
 };

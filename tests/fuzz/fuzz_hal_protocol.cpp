@@ -9,20 +9,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   kest::cSerializeBuffer body = fuzz::Body(data, size, 1);
   if (data[0] == 0xFE) {
     int result = 0, back = 1;
-    fuzz::RoundTrip(body, result, back, hal::EncodeResult, hal::DecodeResult);
+    auto enc = [](int r, kest::cSerializeBuffer& b) { return hal::EncodeResult(r, b), true; };
+    fuzz::RoundTrip(body, result, back, enc, hal::DecodeResult);
   } else if (data[0] == 0xFF) {
     hal::cRouteList list, back;
-    if (fuzz::RoundTrip(body, list, back, hal::EncodeRouteList, hal::DecodeRouteList)) {
-      std::vector<std::string> collected;
-      std::string error;
-      FUZZ_CHECK(hal::CollectRoutePiece(back, collected, error) || !error.empty());
-    }
+    fuzz::RoundTrip(body, list, back, hal::EncodeRouteList, hal::DecodeRouteList);
   } else {
     const std::uint16_t op = data[0];
     hal::cHalRequest req, back;
     auto dec = [op](auto& b, auto& m, auto& e) { return hal::DecodeRequest(op, b, m, e); };
     if (fuzz::RoundTrip(body, req, back, hal::EncodeRequest, dec)) {
-      FUZZ_CHECK(hal::halop::Name(op) != nullptr);
       FUZZ_CHECK(hal::Describe(back) == hal::Describe(req));
     }
   }

@@ -66,11 +66,6 @@ TEST_F(ServiceTest, WanSetupChangeSwapsTheConfiguredRoutes) {
   EXPECT_EQ(hal.Take(),
             Lines{"ConfigureIPGateway 172.20.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'eth1' 0 1"});
   EXPECT_EQ(Traces()[1], "Received Routing CFG - Setting Routes ...");
-
-  // A change to the empty name is a change like any other.
-  SyncStatus("");
-  ASSERT_NE(svc->RoutingCollection(), nullptr);
-  EXPECT_EQ(svc->RoutingCollection()->GetDir(), "/Config/Network/WanSetups//Routing/");
 }
 
 // A refused registration, of either collection, starts the data client over.

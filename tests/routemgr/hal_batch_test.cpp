@@ -68,7 +68,7 @@ class HalBatchTest : public ServiceTest {
 TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
   if (std::string const why = testsupport::CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
   Outcome const fake = Scenario([this](int step) {
-    auto& line = hal.answerLine;
+    auto& line = hal.answer;
     if (step == 0) {
       line["ConfigureIPGateway 10.2.0.0 255.255.0.0 10.8.0.1 0.0.0.0 'tun0' 7 1"] = -19;
       line["ConfigureIPGateway 10.5.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'tun0' 0 1"] = -19;

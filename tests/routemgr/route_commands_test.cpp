@@ -15,10 +15,7 @@ TEST_F(ServiceTest, SetRouteMasksTheNetworkAndReplacesARouteOfTheSameTag) {
             (Lines{"RemoveIPGateway 192.168.1.0 255.255.255.0 10.0.0.1 1",
                    "ConfigureIPGateway 10.2.0.0 255.255.0.0 10.0.0.2 0.0.0.0 'eth1' 0 1"}));
   EXPECT_TRUE(r.success);
-  auto traces = Traces();
-  ASSERT_EQ(traces.size(), 3u);
-  EXPECT_EQ(traces[1], "Error Deleting Route :-3");
-  EXPECT_EQ(traces[2], "Error Deleting existing Route after SetRoute Cmd (rc:-3)");
+  EXPECT_EQ(Traces().back(), "Error Deleting existing Route after SetRoute Cmd (rc:-3)");
   EXPECT_EQ(svc->Routes().size(), 1u);
 
   // A failed installation keeps the route for the refresh.
@@ -83,7 +80,4 @@ TEST_F(ServiceTest, AClosingClientTakesItsTagsWithIt) {
   EXPECT_TRUE(hal.Take().empty());
   EXPECT_EQ(Traces().back(), "0 of 1 routes deleted");
   EXPECT_TRUE(svc->RoutesByClient().empty());
-  svc->OnClientClosed(nullptr, Client(3));  // a client that never set a route
-  EXPECT_TRUE(hal.Take().empty());
-  EXPECT_EQ(Traces(), Lines{"Route Client Closed:10.0.0.3:4003"});
 }

@@ -41,13 +41,13 @@ TEST_F(ServiceTest, ConfiguredRoutesAreRequestedInKeyOrderSkippingUnknownSelecto
                 "ConfigureIPGateway 10.10.0.0 255.255.0.0 192.168.1.1 0.0.0.0 'eth1' 0 1",
                 "ConfigureIPGateway 10.40.0.0 255.255.0.0 192.168.5.254 0.0.0.0 '' 0 1",
             }));
-  auto traces = Traces();
-  ASSERT_EQ(traces.size(), 6u);
-  EXPECT_EQ(traces[4],
-            "SetRoutesByGw (_bNewVal:true, _bDelRoutes:false, bWiredAvail:true, "
-            "bWirelessAvail:false, bVPNAvail:false)");
+  Lines const traces = Traces();
+  ASSERT_GE(traces.size(), 2u);
   // Skipped selectors still count.
-  EXPECT_EQ(traces[5], "(try) setting 4 routes (OtherMapSize:0)");
+  EXPECT_EQ(Lines(traces.end() - 2, traces.end()),
+            (Lines{"SetRoutesByGw (_bNewVal:true, _bDelRoutes:false, bWiredAvail:true, "
+                   "bWirelessAvail:false, bVPNAvail:false)",
+                   "(try) setting 4 routes (OtherMapSize:0)"}));
 }
 
 // Every five seconds once all is up, everything again, in a fixed order and

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,18 +33,15 @@ class FakeHal : public hal::IHalApi {
                          std::string const& gateway, std::string const& source,
                          std::string const& ifname, unsigned int const& metric,
                          bool const& gwAvailable) override {
-    return Call("ConfigureIPGateway",
-                kest::FormatString("%s %s %s %s '%s' %u %d", network.c_str(), netmask.c_str(),
-                                   gateway.c_str(), source.c_str(), ifname.c_str(), metric,
-                                   gwAvailable ? 1 : 0));
+    return Call("ConfigureIPGateway", network, netmask, gateway, source, "'" + ifname + "'", metric,
+                gwAvailable);
   }
   int RemoveIPGateway(std::string const& network, std::string const& netmask,
                       std::string const& gateway, bool const& gwAvailable) override {
-    return Call("RemoveIPGateway",
-                network + " " + netmask + " " + gateway + (gwAvailable ? " 1" : " 0"));
+    return Call("RemoveIPGateway", network, netmask, gateway, gwAvailable);
   }
   int ConfigureIpDefaultGateway(std::string const& gateway, unsigned int metric) override {
-    return Call("ConfigureIpDefaultGateway", gateway + " " + std::to_string(metric));
+    return Call("ConfigureIpDefaultGateway", gateway, metric);
   }
   int RemoveIPDefaultGateway(std::string const& gateway) override {
     return Call("RemoveIPDefaultGateway", gateway);
@@ -52,15 +49,19 @@ class FakeHal : public hal::IHalApi {
 
   Lines Take() { return std::exchange(log, {}); }  // the log so far, cleared
   Lines log;
-  // The result of the calls whose log line is in answerLine, else of the
-  // operation ("ConfigureIPGateway", ...) in answer; 0 when neither has it.
-  std::map<std::string, int> answer, answerLine;
+  // The result of a call: answer[its whole log line], else answer[its
+  // operation] ("ConfigureIPGateway", ...), else 0.
+  std::map<std::string, int> answer;
 
  private:
-  int Call(std::string const& op, std::string const& args) {
-    log.push_back(op + " " + args);
-    auto it = answerLine.find(log.back());
-    return it != answerLine.end() ? it->second : answer[op];
+  template <typename... Args>
+  int Call(char const* op, Args const&... args) {
+    std::ostringstream line;
+    line << op;
+    ((line << ' ' << args), ...);
+    log.push_back(line.str());
+    auto it = answer.find(log.back());
+    return it != answer.end() ? it->second : answer[op];
   }
 };
 
@@ -81,10 +82,7 @@ class FakeData : public dataIO::IDataApi {
     delete collection;
     return true;
   }
-  bool Start() override {
-    log.push_back("Start");
-    return true;
-  }
+  bool Start() override { return log.push_back("Start"), true; }
   void Stop() override { log.push_back("Stop"); }
 
   Lines Take() { return std::exchange(log, {}); }
@@ -94,9 +92,9 @@ class FakeData : public dataIO::IDataApi {
 };
 
 struct ConfiguredRoute {
-  std::string key, network, netmask;
+  char const *key, *network, *netmask;
   unsigned selector;
-  std::string gateway = "0.0.0.0";
+  char const* gateway = "0.0.0.0";
 };
 
 class ServiceTest : public ::testing::Test {
@@ -151,31 +149,22 @@ class ServiceTest : public ::testing::Test {
   // force, and a routing synchronisation delivering the full set of entries.
   void ConnectData() { svc->OnConnect(&svc->DataClient()); }
   void SyncStatus(std::string const& setupName) {
-    auto* status = svc->NetworkStatus();
-    ASSERT_NE(status, nullptr);
     dataIO::cDBStatusWan wan;
     wan.m_wanSetupName.Set(setupName);
-    kest::cSerializeBuffer bytes;
-    wan.Serialize(bytes);
-    status->BeginSync();
-    ASSERT_TRUE(status->ReceiveItem("WanStatus", bytes));
-    Report(status);
+    ASSERT_NE(svc->NetworkStatus(), nullptr);
+    svc->NetworkStatus()->BeginSync();
+    ASSERT_TRUE(svc->NetworkStatus()->ReceiveRecord(wan));
+    Report(svc->NetworkStatus());
   }
   void SyncRouting(std::vector<ConfiguredRoute> const& routes) {
     auto* routing = svc->RoutingCollection();
     ASSERT_NE(routing, nullptr);
     routing->BeginSync();
-    Lines gone;
-    for (auto const& [key, route] : routing->RoutesInForce()) gone.push_back(key);
-    for (auto const& key : gone) routing->RemoveItem(key);
-    for (auto const& r : routes) {
-      dataIO::cDBConfigWanRoute entry(r.key, routing->GetDir(), Addr(r.network.c_str()),
-                                      Addr(r.netmask.c_str()), Addr(r.gateway.c_str()),
-                                      static_cast<std::uint8_t>(r.selector), "");
-      kest::cSerializeBuffer bytes;
-      entry.Serialize(bytes);
-      ASSERT_TRUE(routing->ReceiveItem(r.key, bytes));
-    }
+    for (auto const& [key, route] : routing->RoutesInForce()) routing->RemoveItem(key);
+    for (auto const& r : routes)
+      ASSERT_TRUE(routing->ReceiveRecord(
+          dataIO::cDBConfigWanRoute(r.key, routing->GetDir(), Addr(r.network), Addr(r.netmask),
+                                    Addr(r.gateway), static_cast<std::uint8_t>(r.selector), "")));
     Report(routing);
   }
   // What the data client does for one synchronisation.

@@ -81,17 +81,14 @@ bool cProcess::Running() {
 // magic is "7f454c46 01 ..." with e_machine 40 (0x0028) at bytes 18-19.
 std::string CannotStartPrograms() {
   if (std::getenv("ROUTEMGR_EMULATED") == nullptr) return "";
-  std::string const dir = "/proc/sys/fs/binfmt_misc/";
   std::error_code ec;
-  if (ReadFile(dir + "status") == "enabled\n")
-    for (auto const& entry : std::filesystem::directory_iterator(dir, ec)) {
-      std::string const text = ReadFile(entry.path());
-      std::size_t const magic = text.find("\nmagic ");
-      if (text.rfind("enabled\n", 0) == 0 && text.find("\noffset 0\n") != std::string::npos &&
-          magic != std::string::npos && text.compare(magic + 7, 10, "7f454c4601") == 0 &&
-          text.compare(magic + 43, 4, "2800") == 0)
-        return "";
-    }
+  for (auto const& entry : std::filesystem::directory_iterator("/proc/sys/fs/binfmt_misc/", ec)) {
+    std::string const text = ReadFile(entry.path());
+    std::size_t const magic = text.find("\nmagic ");
+    if (text.rfind("enabled\n", 0) == 0 && magic != std::string::npos &&
+        text.compare(magic + 7, 10, "7f454c4601") == 0 && text.compare(magic + 43, 4, "2800") == 0)
+      return "";
+  }
   return "starts another ARM program, which user-mode qemu cannot exec by itself: needs "
          "binfmt_misc to hand ARM executables to qemu-arm (scripts/ci-armel.sh registers it as "
          "root)";
