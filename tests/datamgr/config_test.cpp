@@ -18,8 +18,6 @@ TEST(DeviceConfig, BadFilesAreRefusedWithWhereAndWhy) {
   } const cases[] = {
       {"{\n  \"status\": {\n    \"wanSetup\": \"dsl\",\n  }\n}\n",
        ":4:3: syntax error while parsing object key - unexpected '}'"},
-      {"[]", "top level: must be an object"},
-      {"{\"statuz\": {}}", "statuz: unknown key"},
       {"{\"status\": {\"wanSetup\": 3}}", "status/wanSetup: must be a string"},
       {"{\"wanSetups\": {\"dsl\": {\"routing\": {\"a\": {\"network\": \"10.0.0.0\", \"netmask\": "
        "\"255.0.0.0\", \"via\": \"cable\"}}}}}",
@@ -84,13 +82,10 @@ TEST(Datactl, CommandLinesAndPrefixes) {
   } const cases[] = {
       {{"set-wan-setup", "lte"}, nullptr},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "via", "vpn", "desc", "a b"}, nullptr},
-      {{"route-set", "dsl", "k", "0.0.0.0/0", "via", "wired"}, nullptr},
       {{"route-set", "dsl", "k", "10.0.0.0/33", "via", "vpn"}, "\"33\" is no prefix length"},
       {{"route-set", "dsl", "k", "10.0.0.0/255.0.255.0", "via", "vpn"}, "not a contiguous netmask"},
-      {{"route-set", "dsl", "k", "10.0.0.0", "via", "vpn"}, "\"10.0.0.0\" is no prefix"},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "via", "modem"}, "neither wired, wireless, vpn"},
       {{"route-set", "dsl", "k", "10.0.0.0/8", "through", "vpn"}, "expected SETUP KEY"},
-      {{"route-del", "dsl"}, "wrong number of arguments"},
       {{"frobnicate"}, "unknown command"},
   };
   for (auto const& c : cases) {

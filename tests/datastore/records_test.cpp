@@ -144,17 +144,3 @@ TEST(NetworkStatusCollection, WanSetupNamesAcrossSynchronisations) {
   c.EndSync();
   EXPECT_EQ(c.InForceWanSetupName(), "");
 }
-
-TEST(Records, TheLiveCountFollowsReferences) {
-  const long before = kest::GC::LiveCount();
-  cDBItem* item = new cDBStatusWan;
-  item->AddRef();
-  cDBItem* copy = item->Clone();
-  EXPECT_EQ(copy->GetRefCount(), 1);  // a copy is a new object, not another reference
-  EXPECT_EQ(kest::GC::LiveCount(), before + 2);
-  copy->Release();
-  item->Release();
-  EXPECT_EQ(kest::GC::LiveCount(), before + 1);
-  item->Release();
-  EXPECT_EQ(kest::GC::LiveCount(), before);
-}

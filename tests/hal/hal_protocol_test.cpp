@@ -54,25 +54,8 @@ TEST(HalProtocol, RequestsRoundTripAndCutOrPaddedBodiesAreRefused) {
   }
 }
 
-TEST(HalProtocol, GarbageIsRefusedWithTheFieldNamed) {
-  auto badBool = Encoded(Samples()[1]);
-  badBool.back() = 2;
-  struct Case {
-    std::uint16_t op;
-    std::vector<std::uint8_t> bytes;
-    char const* errorPart;
-  } const cases[] = {
-      {halop::kRemoveIPDefaultGateway, {9, 1, 0, 0, 0, 'x'}, "gateway"},  // unknown string version
-      {halop::kRemoveIPGateway, badBool, "gwAvailable"},
-      {99, {}, "unknown operation 99"},
-  };
-  for (auto const& c : cases) {
-    cHalRequest out;
-    std::string error;
-    EXPECT_FALSE(Decodes(c.op, c.bytes, c.bytes.size(), out, error)) << c.errorPart;
-    EXPECT_NE(error.find(c.errorPart), std::string::npos) << error;
-  }
-  // A peer's text must not forge a log line.
+// A peer's text must not forge a log line.
+TEST(HalProtocol, DescribedRequestsAreOneLine) {
   cHalRequest hostile = Samples()[3];
   hostile.gateway = "1.2.3.4\nFAKE";
   EXPECT_EQ("RemoveIPDefaultGateway 1.2.3.4?FAKE", Describe(hostile));

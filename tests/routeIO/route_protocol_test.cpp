@@ -49,27 +49,6 @@ TEST(RouteProtocol, CommandsRoundTripAndCutOrPaddedBodiesAreRefused) {
   EXPECT_EQ(0u, body.Size());
 }
 
-TEST(RouteProtocol, GarbageIsRefusedWithAReason) {
-  Bytes const del = Encoded(cDelRouteCmd{"x"});
-  Bytes wrongVersion = del, hugeLength = del;
-  wrongVersion[0] = 2;
-  hugeLength[1] = hugeLength[2] = hugeLength[3] = hugeLength[4] = 0xFF;
-  struct Case {
-    std::uint16_t op;
-    Bytes bytes;
-    char const* reason;
-  } const cases[] = {
-      {99, del, "unknown op 99"},
-      {routeop::kDelRoute, wrongVersion, "malformed DelRoute"},
-      {routeop::kDelRoute, hugeLength, "malformed DelRoute"},
-      {routeop::kSetRoute, del, "malformed SetRoute"},
-  };
-  for (auto const& c : cases) {
-    routeCommand out;
-    EXPECT_NE(std::string::npos, Refusal(c.op, c.bytes, c.bytes.size(), out).find(c.reason));
-  }
-}
-
 // The layout clients in other languages are written against (docs/protocol.md).
 TEST(RouteProtocol, WireLayoutIsPinned) {
   EXPECT_EQ(Encoded(cSetGatewayCmd{Ip("10.0.0.1"), "w", "e0", 1, 0x0102}),

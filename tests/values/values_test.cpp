@@ -27,18 +27,6 @@ Bytes Image(T const& v) {
   return out.Bytes();
 }
 
-TEST(Values, TextFormats) {
-  EXPECT_EQ(kest::s_uint8(10).ToString("hex"), "0x0A");
-  EXPECT_EQ(kest::s_uint8(10).ToString("hex2"), "0A");
-  EXPECT_EQ(kest::s_uint8(10).ToString("04"), "0010");
-  EXPECT_EQ(kest::s_uint16(65535).ToString("16"), "0000000000065535");
-  EXPECT_EQ(kest::s_uint64(~0ull).ToString(""), "18446744073709551615");
-  // Formats are matched exactly; anything else is plain decimal.
-  EXPECT_EQ(kest::s_uint8(10).ToString("17"), "10");
-  EXPECT_EQ(kest::s_int8(-1).ToString(""), "65535");
-  EXPECT_EQ(kest::s_int8(-1).ToString("hex"), "0xFFFF");
-}
-
 TEST(Values, LittleEndianImagesThatReadBack) {
   EXPECT_EQ(Image(kest::s_uint8(10)), (Bytes{1, 0x0A}));
   EXPECT_EQ(Image(kest::s_uint16(0x1234)), (Bytes{1, 0x34, 0x12}));
