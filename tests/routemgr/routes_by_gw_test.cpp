@@ -75,5 +75,13 @@ TEST_F(ServiceTest, RefreshRequestsEverythingSilentlyEveryFiveSeconds) {
                      "ConfigureIPGateway 10.1.0.0 255.255.0.0 10.0.0.9 0.0.0.0 'eth1' 0 1"}))
         << "period " << period;
   }
+  // Failures the service keeps quiet about are counted by the HAL client, said when the count
+  // changes.
+  Lines counted;
+  for (auto const& r : capture.Records())
+    if (r.module == "HAL") counted.push_back(r.level + " " + r.message);
+  EXPECT_EQ(counted,
+            (Lines{"005 refresh: 2 of 3 requests failed", "007 refresh: 2 of 3 requests failed",
+                   "007 refresh: 2 of 3 requests failed"}));
   EXPECT_TRUE(Traces().empty());
 }

@@ -45,6 +45,9 @@ TEST(Values, RefuseShortBuffersWrongVersionsAndOversizedStringsUnchanged) {
     EXPECT_FALSE(v.Deserialize(buf)) << bytes.size();
     EXPECT_EQ(v.Get(), 7u);
   }
+  kest::s_bool b(true);
+  auto wrongVersion = BufferOf(Bytes{2, 0});
+  EXPECT_FALSE(b.Deserialize(wrongVersion));
   kest::s_string s("keep");
   const std::uint32_t len = kest::s_string::kMaxLength + 1;
   Bytes tooLong{1, std::uint8_t(len), std::uint8_t(len >> 8), std::uint8_t(len >> 16), 0};
