@@ -58,11 +58,10 @@ void SignalHandler(int signo) {
 void InstallDumpSignal(cRouteMgrService* service) {
   g_service = service;
   OpenDumpPipe();
-  struct sigaction action;
-  memset(&action, 0, sizeof action);
+  // No SA_RESTART: a dump request interrupts a blocked call, which is retried.
+  struct sigaction action {};
   action.sa_handler = SignalHandler;
   sigemptyset(&action.sa_mask);
-  action.sa_flags = 0;
   if (sigaction(SIGUSR1, &action, nullptr) == -1) {
     printf("Unable to register signal handler (errno:%d/%s)\n", errno, strerror(errno));
     fflush(stdout);
