@@ -2,8 +2,9 @@
 // real proxy they must ask and trace exactly what the recording fake, asked
 // one call at a time, shows for the same answers.
 #ifdef HALPROXY_PATH
+#include <algorithm>
 #include <functional>
-#include <regex>
+#include <iterator>
 #include <sstream>
 
 #include "hal/hal_protocol.h"
@@ -14,22 +15,29 @@ namespace {
 
 // The proxy's log of the requests it answered, in the fake's notation.
 Lines ProxyCalls(std::string const& log) {
-  static std::pair<std::regex, char const*> const forms[] = {
-      {std::regex(R"(\S+ \S+ \S+ (ConfigureIPGateway) (\S+)/(\S+) via (\S+) dev (\S+) src (\S+) )"
-                  R"(metric (\d+) avail=(\d) -> .*)"),
-       "$1 $2 $3 $4 $6 '$5' $7 $8"},
-      {std::regex(R"(\S+ \S+ \S+ (RemoveIPGateway) (\S+)/(\S+) via (\S+) avail=(\d) -> .*)"),
-       "$1 $2 $3 $4 $5"},
-      {std::regex(R"(\S+ \S+ \S+ (ConfigureIpDefaultGateway) (\S+) metric (\d+) -> .*)"),
-       "$1 $2 $3"},
-      {std::regex(R"(\S+ \S+ \S+ (RemoveIPDefaultGateway) (\S+) -> .*)"), "$1 $2"}};
   Lines calls;
   std::istringstream lines(log);
-  for (std::string line; std::getline(lines, line);)
-    for (auto const& [form, fake] : forms)
-      if (std::regex_match(line, form))
-        calls.push_back(
-            std::regex_replace(std::regex_replace(line, form, fake), std::regex("'-'"), "''"));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::vector<std::string> const w{std::istream_iterator<std::string>(words), {}};
+    auto const arrow = std::find(w.begin(), w.end(), "->");
+    if (arrow - w.begin() < 5) continue;  // not "date time level request -> result"
+    std::vector<std::string> const r(w.begin() + 3, arrow);
+    std::string const& op = r[0];
+    auto net = [&] {
+      return r[1].substr(0, r[1].find('/')) + " " + r[1].substr(r[1].find('/') + 1);
+    };
+    auto avail = [](std::string const& a) { return a.substr(a.find('=') + 1); };
+    if (op == "ConfigureIPGateway" && r.size() == 11)
+      calls.push_back(op + " " + net() + " " + r[3] + " " + r[7] + " '" +
+                      (r[5] == "-" ? "" : r[5]) + "' " + r[9] + " " + avail(r[10]));
+    else if (op == "RemoveIPGateway" && r.size() == 5)
+      calls.push_back(op + " " + net() + " " + r[3] + " " + avail(r[4]));
+    else if (op == "ConfigureIpDefaultGateway" && r.size() == 4)
+      calls.push_back(op + " " + r[1] + " " + r[3]);
+    else if (op == "RemoveIPDefaultGateway" && r.size() == 2)
+      calls.push_back(op + " " + r[1]);
+  }
   return calls;
 }
 
