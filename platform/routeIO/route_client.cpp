@@ -171,6 +171,11 @@ std::int32_t cRouteClient::Post(routeCommand const& cmd) {
   return 0;
 }
 
+std::int32_t cRouteClient::Flush() {
+  if (m_fd < 0) return Fail(routeerr::kNotConnected, "not connected").rc;
+  return Pump(eWant::kWritten);
+}
+
 routeResult cRouteClient::Collect() {
   if (m_pending.empty()) return Fail(routeerr::kNothingPosted, "nothing posted");
   if (m_answers.empty()) {

@@ -59,6 +59,10 @@ class cRouteClient {
   // failures while a long queue is written come back from Collect. The
   // single calls above answer routeerr::kBusy while posted answers wait.
   std::int32_t Post(routeCommand const& cmd);
+  // Writes what Post queued without waiting for answers, for a caller that
+  // watches Fd() in a poll loop of its own and collects once it is readable.
+  // 0, or a routeerr code.
+  std::int32_t Flush();
   routeResult Collect();
   std::size_t Outstanding() const { return m_pending.size(); }
 

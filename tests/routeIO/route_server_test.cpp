@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -176,6 +177,14 @@ TEST_F(RouteServerTest, AcceptsOnlyOnceReadyAnswersInOrderAndClientFailuresHaveC
   routeResult next{};
   Step([&] { next = c.DelRoute("unknown"); });
   EXPECT_EQ(Text(next), "fail -100");
+  // Flushed, a posted request is answered with nobody waiting in Collect.
+  ASSERT_EQ(c.Post(cDelRouteCmd{"unknown"}), 0);
+  ASSERT_EQ(c.Flush(), 0);
+  ASSERT_TRUE(PumpUntil([&] {
+    pollfd p{c.Fd(), POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+  }));
+  EXPECT_EQ(Text(c.Collect()), "fail -100");
   ASSERT_EQ(c.Post(cDelGatewayCmd{"p"}), 0);
   EXPECT_EQ(c.DelGateway("q").rc, routeerr::kBusy);
   // The service goes away: a waiting caller learns it at once, and the
