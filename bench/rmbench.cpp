@@ -3,13 +3,14 @@
 // and `ip -batch`. Every measurement prints key=value lines on stdout.
 //
 //   rmbench set -s SAP -n N [--out FILE --hold-until FILE]
-//   rmbench latency -s SAP -c CLIENTS -n PER_CLIENT
+//   rmbench latency -s SAP -c CLIENTS -n PER_CLIENT [--poll 1]
 //   rmbench probe -s SAP -t SECONDS [--until FILE]
 //   rmbench start -s SAP -- PROGRAM ARGS...
 //   rmbench wait -s SAP [--timeout-ms MS]
 //   rmbench settle -s SAP
 //   rmbench ipbatch -n N [--first I] --op add|replace [--proto P] [--configured M]
 //   rmbench config -m M [--wired W]
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -193,47 +194,88 @@ int CmdSet(cArgs const& a) {
 }
 
 // Round trips of single SetRoute calls from C clients at once, each on its
-// own connection and thread; every call installs a new route, so each costs
-// exactly one HAL request.
+// own connection with one call outstanding; every call installs a new route,
+// so each costs exactly one HAL request. By default each client is a thread
+// of its own, as separate processes would be; with --poll 1 one thread
+// drives every connection from a poll loop, so that on a machine with fewer
+// cores than clients the figures are the service's and not the wake-ups of
+// C client threads queued for a core.
 int CmdLatency(cArgs const& a) {
-  long clients = a.Num("-c", 1);
-  long perClient = a.Num("-n", 1000);
-  long warmup = a.Num("--warmup", 50);
-  std::vector<std::vector<double>> samples(static_cast<std::size_t>(clients));
-  std::atomic<long> ready{0}, failures{0};
-  std::atomic<bool> go{false};
-  std::vector<std::thread> threads;
-  for (long c = 0; c < clients; ++c) {
-    threads.emplace_back([&, c] {
-      routeIO::cRouteClient client;
-      bool ok = Connect(client, a.Get("-s"));
-      std::vector<routeIO::cSetRouteCmd> cmds;
-      for (long i = 0; i < warmup + perClient; ++i)
-        cmds.push_back(CustomRoute(static_cast<std::uint32_t>(c * (warmup + perClient) + i),
-                                   "l" + std::to_string(c) + "-"));
-      ++ready;
-      while (!go) std::this_thread::yield();
-      if (!ok) {
-        ++failures;
-        return;
+  std::size_t const clients = static_cast<std::size_t>(a.Num("-c", 1));
+  std::size_t const perClient = static_cast<std::size_t>(a.Num("-n", 1000));
+  std::size_t const warmup = static_cast<std::size_t>(a.Num("--warmup", 50));
+  std::size_t const calls = warmup + perClient;
+  auto command = [&](std::size_t c, std::size_t i) {
+    return CustomRoute(static_cast<std::uint32_t>(c * calls + i), "l" + std::to_string(c) + "-");
+  };
+  std::vector<std::vector<double>> samples(clients);
+  std::atomic<long> failures{0};
+  if (a.Num("--poll", 0) != 0) {
+    std::vector<routeIO::cRouteClient> conns(clients);
+    std::vector<pollfd> fds(clients);
+    std::vector<std::size_t> done(clients, 0);
+    std::vector<Clock::time_point> sent(clients);
+    auto post = [&](std::size_t c) {
+      sent[c] = Clock::now();
+      if (conns[c].Post(command(c, done[c])) != 0 || conns[c].Flush() != 0) ++failures;
+    };
+    for (std::size_t c = 0; c < clients; ++c) {
+      if (!Connect(conns[c], a.Get("-s"))) return 1;
+      fds[c] = {conns[c].Fd(), POLLIN, 0};
+    }
+    for (std::size_t c = 0; c < clients; ++c) post(c);
+    for (std::size_t left = clients; left > 0 && failures == 0;) {
+      if (poll(fds.data(), fds.size(), kTimeoutMs) <= 0) {
+        std::fprintf(stderr, "rmbench: no answer within %d ms\n", kTimeoutMs);
+        return 1;
       }
-      auto& mine = samples[static_cast<std::size_t>(c)];
-      mine.reserve(static_cast<std::size_t>(perClient));
-      for (long i = 0; i < warmup + perClient; ++i) {
-        auto t0 = Clock::now();
-        routeIO::routeResult r = client.Call(cmds[static_cast<std::size_t>(i)]);
-        double us = Us(Clock::now() - t0);
+      for (std::size_t c = 0; c < clients; ++c) {
+        if (fds[c].revents == 0) continue;
+        routeIO::routeResult const r = conns[c].Collect();
+        double const us = Us(Clock::now() - sent[c]);
         if (!r.success) ++failures;
-        if (i >= warmup) mine.push_back(us);
+        if (done[c]++ >= warmup) samples[c].push_back(us);
+        if (done[c] < calls) {
+          post(c);
+        } else {
+          fds[c].fd = -1;  // poll skips it from now on
+          --left;
+        }
       }
-    });
+    }
+  } else {
+    std::atomic<std::size_t> ready{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (std::size_t c = 0; c < clients; ++c) {
+      threads.emplace_back([&, c] {
+        routeIO::cRouteClient client;
+        bool ok = Connect(client, a.Get("-s"));
+        std::vector<routeIO::cSetRouteCmd> cmds;
+        for (std::size_t i = 0; i < calls; ++i) cmds.push_back(command(c, i));
+        ++ready;
+        while (!go) std::this_thread::yield();
+        if (!ok) {
+          ++failures;
+          return;
+        }
+        samples[c].reserve(perClient);
+        for (std::size_t i = 0; i < calls; ++i) {
+          auto t0 = Clock::now();
+          routeIO::routeResult r = client.Call(cmds[i]);
+          double us = Us(Clock::now() - t0);
+          if (!r.success) ++failures;
+          if (i >= warmup) samples[c].push_back(us);
+        }
+      });
+    }
+    while (ready < clients) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    go = true;
+    for (auto& t : threads) t.join();
   }
-  while (ready < clients) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  go = true;
-  for (auto& t : threads) t.join();
   std::vector<double> all;
   for (auto const& s : samples) all.insert(all.end(), s.begin(), s.end());
-  std::printf("clients=%ld\nsamples=%zu\nfailed=%ld\np50_us=%.1f\np99_us=%.1f\nmax_us=%.1f\n",
+  std::printf("clients=%zu\nsamples=%zu\nfailed=%ld\np50_us=%.1f\np99_us=%.1f\nmax_us=%.1f\n",
               clients, all.size(), failures.load(), Percentile(all, 0.5), Percentile(all, 0.99),
               all.empty() ? 0.0 : *std::max_element(all.begin(), all.end()));
   return failures == 0 ? 0 : 1;
