@@ -87,7 +87,9 @@ unsigned cHalClient::EndBatch(std::vector<int>* results) {
   unsigned failures = 0;
   for (int rc : m_batchResults) failures += rc != 0 ? 1 : 0;
   if (results != nullptr) results->swap(m_batchResults);
-  m_batchResults.clear();
+  // A refresh holds an answer per route: that storage goes with the batch,
+  // so between refreshes the daemon holds its tables and little else.
+  std::vector<int>().swap(m_batchResults);
   m_unanswered.clear();
   return failures;
 }
