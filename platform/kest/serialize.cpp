@@ -71,10 +71,17 @@ void GC::Remove(void* obj) {
 
 long GC::LiveCount() { return LiveObjects(); }
 
-void IGarbageCollectable::AddRef() { ++m_refCount; }
+void IGarbageCollectable::AddRef() {
+  if (m_refCount != kPinned) ++m_refCount;
+}
 
 void IGarbageCollectable::Release() {
-  if (--m_refCount <= 0) delete this;
+  if (m_refCount == kPinned) return;
+  if (m_refCount <= 1) {
+    delete this;
+    return;
+  }
+  --m_refCount;
 }
 
 int IGarbageCollectable::GetRefCount() const { return m_refCount; }

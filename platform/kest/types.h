@@ -47,7 +47,7 @@ class s_socket_addr : public ISerialize {
   KEST_GARBAGE_COLLECTABLE
   s_socket_addr() = default;
   s_socket_addr(std::string const& dotted, std::uint16_t port);
-  s_socket_addr(std::uint32_t ip, std::uint16_t port) : m_ip(ip), m_port(port) {}
+  s_socket_addr(std::uint32_t ip, std::uint16_t port) : m_port(port), m_ip(ip) {}
   // Strict dotted quad; malformed text returns false and leaves 0.0.0.0:port.
   bool InitFromString(std::string const& dotted, std::uint16_t port);
   std::uint32_t GetIP() const { return m_ip; }
@@ -69,9 +69,12 @@ class s_socket_addr : public ISerialize {
   bool operator!=(const s_socket_addr& o) const { return !(*this == o); }
 
  private:
-  std::uint32_t m_ip = 0;
+  // The port first: it fits beside the reference count, the address after it.
   std::uint16_t m_port = 0;
+  std::uint32_t m_ip = 0;
 };
+static_assert(sizeof(void*) != 8 || sizeof(s_socket_addr) == 16,
+              "an address value no longer fits in 16 bytes: see IGarbageCollectable's count");
 
 // Ordered map from K to V; nothing beyond std::map.
 template <typename K, typename V>
