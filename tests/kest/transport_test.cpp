@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -81,16 +82,24 @@ class TransportTest : public ::testing::Test,
   kest::cTraceCapture traces;
 };
 
+// What the socket cannot take at once goes out as the peer reads it; a peer
+// that stops reading is dropped once the send limit is reached.
 TEST_F(TransportTest, APeerNotReadingIsDroppedAtTheSendLimit) {
   int fds[2], small = 4096;
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
   RawEnd peer{fds[1]};
   setsockopt(fds[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
   setsockopt(fds[1], SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  fcntl(fds[1], F_SETFL, O_NONBLOCK);
   kest::cChannel channel(fds[0], kest::s_socket_addr(), "peer", this);
   channel.SetSendLimit(32 * 1024);
   kest::cFrame f;
   f.body.Write(std::string(1000, 'x').data(), 1000);
+  for (std::uint32_t id = 1; id <= 20; ++id) ASSERT_TRUE(channel.Send((f.id = id, f)));
+  for (std::uint32_t id = 1; id <= 20; ++id) {
+    ASSERT_TRUE(peer.Receive(peer.frame));
+    EXPECT_EQ(peer.frame.id, id);
+  }
   int sent = 0;
   for (; sent < 1000 && channel.Send(f); ++sent) kest::Loop().RunUntilIdle();
   EXPECT_LT(sent, 1000);

@@ -123,6 +123,8 @@ TEST_F(RouteServerTest, DeliversEachCommandWithItsClientAndAnswersIt) {
   Set(cRouteServer::kSapProperty, "127.0.0.1:0");  // TCP, the default transport of route clients
   ASSERT_TRUE(Open());
   std::string const sap = "127.0.0.1:" + std::to_string(m_server->BoundPort());
+  // No user is known on TCP: no limit per user is claimed.
+  EXPECT_THAT(m_traces.Messages(), Has(sap + " (loopback only; at most 64 connections, send "));
   cRouteClient a, b;
   Lines answers;
   auto answer = [&](routeResult r) { answers.push_back(Text(r)); };
