@@ -216,8 +216,10 @@ int CmdLatency(cArgs const& a) {
     std::vector<std::size_t> done(clients, 0);
     std::vector<Clock::time_point> sent(clients);
     auto post = [&](std::size_t c) {
+      // Made before the clock starts, as the threads make theirs.
+      routeIO::cSetRouteCmd const cmd = command(c, done[c]);
       sent[c] = Clock::now();
-      if (conns[c].Post(command(c, done[c])) != 0 || conns[c].Flush() != 0) ++failures;
+      if (conns[c].Post(cmd) != 0 || conns[c].Flush() != 0) ++failures;
     };
     for (std::size_t c = 0; c < clients; ++c) {
       if (!Connect(conns[c], a.Get("-s"))) return 1;

@@ -138,8 +138,9 @@ TEST(Trace, NoLineLostWhenSignalsInterruptWritesToAFullSink) {
     close(fds[0]);
     unlink(logPath.c_str());
     int status = 0;
-    waitpid(pid, &status, 0);
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
     if (syslog && WIFEXITED(status) && WEXITSTATUS(status) == 3) GTEST_SKIP() << "cannot mount";
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     std::istringstream lines(out);
     std::string const prefix = syslog ? "<30>" : "";  // the daemon facility, informational
     std::string const from = syslog ? " probe[" + std::to_string(pid) + "]: M 005 " : "M 005 ";
