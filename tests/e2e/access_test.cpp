@@ -7,9 +7,9 @@
 
 #include <sstream>
 
-#include "e2e/stack.h"
+#include "support/stack.h"
 
-namespace e2e {
+namespace testsupport {
 namespace {
 
 TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
@@ -45,7 +45,7 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run tools as another user";
   if (std::system("setpriv --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no setpriv";
   constexpr char kClientGid[] = "4242", kAdminGid[] = "4243";
-  testsupport::cTempDir run("rm-e2e-run");
+  cTempDir run("rm-e2e-run");
   chmod(run.Path().c_str(), 0755);  // the other user must reach the sockets
   for (char const* sub : {"/hal", "/data", "/route"}) mkdir((run.Path() + sub).c_str(), 0755);
   cStack stack;
@@ -102,4 +102,4 @@ TEST(E2eAccess, PackagedSettingsServeTheRouteClientGroupAndRefuseOthers) {
 }
 
 }  // namespace
-}  // namespace e2e
+}  // namespace testsupport

@@ -7,13 +7,13 @@
 #include <fstream>
 #include <set>
 
-#include "e2e/stack.h"
+#include "support/stack.h"
 
-namespace e2e {
+namespace testsupport {
 namespace {
 
 TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
-  testsupport::cTempDir tmp("rm-cmdline");
+  cTempDir tmp("rm-cmdline");
   std::string const badProps = tmp.File("bad.conf"), version = std::string(" ") + ROUTEMGR_VERSION;
   std::ofstream(badProps) << "good=1\nbad line\n";
   struct Case {
@@ -62,4 +62,4 @@ TEST(E2eCommandLine, SameGrammarMessagesAndExitCodesInEveryProgram) {
 }
 
 }  // namespace
-}  // namespace e2e
+}  // namespace testsupport

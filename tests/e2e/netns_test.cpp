@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "e2e/stack.h"
+#include "support/stack.h"
 
-namespace e2e {
+namespace testsupport {
 namespace {
 
 // A router namespace and a WAN namespace, wired as the example
@@ -106,4 +106,4 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
 }
 
 }  // namespace
-}  // namespace e2e
+}  // namespace testsupport

@@ -2,7 +2,7 @@
 // route clients and gateways in the HAL proxy's table, SIGUSR1 dumps (also
 // under load), peers restarted. The dump file is always /tmp/routemgr.dmp:
 // this test holds a CTest resource lock and knows its dump by its peers.
-#include "e2e/stack.h"
+#include "support/stack.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -16,8 +16,17 @@
 #include "hal/hal_client.h"
 #include "kest/service.h"
 
-namespace e2e {
+namespace testsupport {
 namespace {
+
+// Every test of this binary starts the programs: each skips itself where it cannot.
+class cSkipWhenProgramsCannotStart : public ::testing::Environment {
+  void SetUp() override {
+    if (std::string const why = CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
+  }
+};
+[[maybe_unused]] ::testing::Environment* const g_skip =
+    ::testing::AddGlobalTestEnvironment(new cSkipWhenProgramsCannotStart);
 
 constexpr char kDumpFile[] = "/tmp/routemgr.dmp";
 constexpr char kDefault[] = "default via 192.168.1.254 metric 5";
@@ -144,7 +153,7 @@ TEST(E2eStack, RoutectlListsAHalTableInPiecesAsJson) {
   kest::cService service;
   hal::cHalClient client(&service, nullptr, 5000, stack.halSap);
   client.Start();
-  ASSERT_TRUE(testsupport::PumpUntil([&] { return client.IsConnected(); }));
+  ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
   std::multiset<std::string> want, got;
   for (int i = 0; i < 4000; ++i) {
     std::string const net = "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0";
@@ -161,4 +170,4 @@ TEST(E2eStack, RoutectlListsAHalTableInPiecesAsJson) {
 }
 
 }  // namespace
-}  // namespace e2e
+}  // namespace testsupport

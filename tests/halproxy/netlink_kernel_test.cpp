@@ -14,8 +14,8 @@
 
 #include "netlink_backend.h"
 #include "netlink_codec.h"
-#include "proxy_process.h"
 #include "semantics.h"
+#include "support/process.h"
 
 namespace halproxy_test {
 namespace {
@@ -24,6 +24,7 @@ namespace {
 char const* const kGw0 = "192.0.2.1";     // on veth0 (192.0.2.2/24)
 char const* const kGw1 = "198.51.100.1";  // on veth1 (198.51.100.2/24)
 namespace nl = halproxy::nl;
+using halproxy_semantics::Lines;
 
 class NetlinkKernel : public ::testing::Test {
  public:

@@ -1,30 +1,19 @@
-// halproxy as a program: the HAL client talking to it, bad input on its
-// socket and an access point it cannot take. Requests over TCP, with the
-// results and the log they give, batches included, run end to end
-// (tests/e2e) and in tests/routemgr/hal_batch_test.cpp. Its listener's options reach
-// the same transport as the other programs' (see the datamgr test and the
-// packaged settings in the end-to-end access test).
+// halproxy as a program, on bad input. Good requests, with the results and
+// the log they give, batches included, run end to end (tests/e2e) and in
+// tests/routemgr/hal_batch_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
+#include "hal/hal_client.h"
 #include "hal/hal_protocol.h"
-#include "kest/format.h"
 #include "kest/frame.h"
+#include "kest/service.h"
 #include "kest/test_support.h"
-#include "proxy_process.h"
+#include "support/stack.h"
 
-namespace halproxy_test {
+namespace testsupport {
 namespace {
-
-class HalproxyProcess : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (std::string const why = testsupport::CannotStartPrograms(); !why.empty())
-      GTEST_SKIP() << why;
-  }
-  cProxyProcess proxy;
-};
 
 void Put(std::vector<std::uint8_t>& out, std::uint8_t kind, std::uint16_t op,
          std::vector<std::uint8_t> body) {
@@ -41,9 +30,11 @@ void PutAnswer(std::vector<std::uint8_t>& out, std::uint16_t op, int rc) {
 
 // Frames the HAL client would never send, pipelined: each request gets an
 // error answer, an oversized frame a closed connection, and the proxy goes on.
-TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) {
-  ASSERT_TRUE(proxy.Start({"--log-level=debug"}));
-  kesttest::RawClient raw(proxy.AccessPoint());
+TEST(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) {
+  if (std::string const why = CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
+  cStack stack;
+  ASSERT_TRUE(stack.StartHal());
+  kesttest::RawClient raw(stack.halSap);
   ASSERT_EQ(raw.Greet(hal::kService), "accepted");
   std::uint16_t const list = hal::halop::kListRoutes;
   std::vector<std::uint8_t> sent, expected, answers;
@@ -64,14 +55,17 @@ TEST_F(HalproxyProcess, GarbageGetsAnErrorOrAClosedConnectionAndTheProxyGoesOn) 
   EXPECT_EQ(expected, answers);
   raw.Send({0xFF, 0xFF, 0xFF, 0x7F, 1, 1, 0, 0, 0, 1, 0});
   EXPECT_TRUE(raw.ClosedByServer());
-  ASSERT_TRUE(proxy.Connect());
-  EXPECT_EQ(0, proxy.Hal().ConfigureIpDefaultGateway("10.0.0.1", 1));
-  EXPECT_TRUE(proxy.Logged("bad request op 1")) << proxy.Log();
+  kest::cService service;
+  hal::cHalClient client(&service, nullptr, 3000, stack.halSap);
+  client.Start();
+  ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
+  EXPECT_EQ(0, client.ConfigureIpDefaultGateway("10.0.0.1", 1));
+  EXPECT_TRUE(stack.hal->WaitForLog("bad request op 1")) << stack.hal->Log();
   // Test operations are off unless asked for.
-  EXPECT_EQ(-EPERM, proxy.Hal().InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
-  EXPECT_TRUE(proxy.Logged("-> -1 (Operation not permitted: test operations are off"));
-  EXPECT_EQ(0, proxy.Stop());
+  EXPECT_EQ(-EPERM, client.InjectFault(hal::halop::kConfigureIPGateway, -5, 1));
+  EXPECT_TRUE(stack.hal->WaitForLog("-> -1 (Operation not permitted: test operations are off"));
+  EXPECT_EQ(0, stack.hal->Stop());
 }
 
 }  // namespace
-}  // namespace halproxy_test
+}  // namespace testsupport

@@ -1,15 +1,15 @@
 // The passes whose HAL answers are only traced go out as batches: against a
 // real proxy they must ask and trace exactly what the recording fake, asked
 // one call at a time, shows for the same answers.
-#ifdef HALPROXY_PATH
+#ifdef HALPROXY_BIN
 #include <algorithm>
 #include <functional>
 #include <iterator>
 #include <sstream>
 
 #include "hal/hal_protocol.h"
-#include "halproxy/proxy_process.h"
 #include "service_fixture.h"
+#include "support/stack.h"
 
 namespace {
 
@@ -89,28 +89,29 @@ TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
   });
   EXPECT_EQ(fake.traces.back(), "Error Setting Route :-1001");
 
-  halproxy_test::cProxyProcess proxy;
-  Lines args{"--interfaces=eth1", "--log-level=debug"};
+  testsupport::cStack stack;
+  stack.halArgs.push_back("--interfaces=eth1");
   // Fault injection is a test operation, off unless switched on where it can be.
-  proxy.Run({"--help"});
-  if (proxy.Log().find("--enable-test-ops") != std::string::npos)
-    args.push_back("--enable-test-ops");
-  ASSERT_TRUE(proxy.Start(args));
-  ASSERT_TRUE(proxy.Connect());
-  svc = std::make_unique<cRouteMgrService>("127.0.0.1:1", proxy.AccessPoint());
+  if (testsupport::Shell(HALPROXY_BIN " --help").find("--enable-test-ops") != std::string::npos)
+    stack.halArgs.push_back("--enable-test-ops");
+  ASSERT_TRUE(stack.StartHal());
+  kest::cService service;
+  hal::cHalClient tester(&service, nullptr, 3000, stack.halSap);
+  svc = std::make_unique<cRouteMgrService>("127.0.0.1:1", stack.halSap);
   svc->DataClient().Redirect(&data);
-  svc->HalClient().Start();
-  ASSERT_TRUE(halproxy_test::PumpUntil([&] { return svc->HalClient().IsConnected(); }));
+  ASSERT_TRUE(tester.Start() && svc->HalClient().Start());
+  ASSERT_TRUE(testsupport::PumpUntil(
+      [&] { return tester.IsConnected() && svc->HalClient().IsConnected(); }));
   clients.clear();
   Traces();
   Lines calls;
   Outcome const real = Scenario([&](int step) {
     if (step == 1) {
-      EXPECT_EQ(0, proxy.Hal().InjectFault(hal::halop::kRemoveIPGateway, -1, 1));
+      EXPECT_EQ(0, tester.InjectFault(hal::halop::kRemoveIPGateway, -1, 1));
     }
     if (step == 2) {
-      calls = ProxyCalls(proxy.Log());
-      proxy.Kill();
+      calls = ProxyCalls(stack.hal->Log());
+      stack.hal->Kill();
     }
   });
   EXPECT_EQ(calls, fake.calls);
@@ -118,4 +119,4 @@ TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
 }
 
 }  // namespace
-#endif  // HALPROXY_PATH
+#endif  // HALPROXY_BIN

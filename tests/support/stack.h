@@ -1,7 +1,7 @@
-// The whole system on loopback for one test: halproxy (memory backend by
-// default), datamgr with the shipped example configuration and routemgr,
-// each a real process on a port of its own with its output in a log file;
-// plus the command-line tools.
+// The whole system on loopback for one test, or the part of it a test needs:
+// halproxy (memory backend by default), datamgr with the shipped example
+// configuration and routemgr, each a real process on a port of its own with
+// its output in a log file; plus the command-line tools.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,9 +12,7 @@
 
 #include "support/process.h"
 
-namespace e2e {
-
-using namespace testsupport;
+namespace testsupport {
 
 // The route the shipped example configures in setup "dsl" (own gateway).
 constexpr char kMgmtRoute[] = "192.168.50.0/24 via 192.168.1.254 metric 0";
@@ -39,6 +37,7 @@ class cStack {
   std::string dir = tmp.Path(), halSap = "127.0.0.1:0", dataSap = halSap, routeSap = halSap;
   // Before the daemon's command line (e.g. "ip netns exec NS"), after it.
   std::vector<std::string> halPrefix, halArgs{"--backend=memory"}, dataArgs, routeArgs;
+  std::string dataConfig = EXAMPLE_CONFIG;
   std::unique_ptr<cProcess> hal, data, route;
   std::string toolPrefix;  // before every tool's command line, e.g. "setpriv ... "
 
@@ -66,4 +65,4 @@ class cStack {
   int m_files = 0;
 };
 
-}  // namespace e2e
+}  // namespace testsupport

@@ -1,4 +1,4 @@
-#include "e2e/stack.h"
+#include "support/stack.h"
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,17 +9,8 @@
 
 #include "routectl/hal_table.h"
 
-namespace e2e {
+namespace testsupport {
 namespace {
-
-// Every test starts the programs: each skips itself where it cannot.
-class cSkipWhenProgramsCannotStart : public ::testing::Environment {
-  void SetUp() override {
-    if (std::string const why = CannotStartPrograms(); !why.empty()) GTEST_SKIP() << why;
-  }
-};
-[[maybe_unused]] ::testing::Environment* const g_skip =
-    ::testing::AddGlobalTestEnvironment(new cSkipWhenProgramsCannotStart);
 
 // Starts a daemon into slot; true once it says where it listens (sap).
 bool Launch(std::unique_ptr<cProcess>& slot, std::string const& logPath,
@@ -66,7 +57,7 @@ bool cStack::StartHal() {
 
 bool cStack::StartDataMgr() {
   return Launch(data, NextFile("datamgr.log"),
-                {DATAMGR_BIN, "--config", EXAMPLE_CONFIG, "--listen", dataSap}, dataArgs, dataSap);
+                {DATAMGR_BIN, "--config", dataConfig, "--listen", dataSap}, dataArgs, dataSap);
 }
 
 bool cStack::StartRouteMgr(std::vector<std::string> env) {
@@ -121,4 +112,4 @@ std::unique_ptr<cProcess> cStack::SpawnRoutectl(std::string const& batch, bool h
   return std::make_unique<cProcess>(argv, NextFile("routectl.log"));
 }
 
-}  // namespace e2e
+}  // namespace testsupport
