@@ -1,6 +1,4 @@
 // The proxy's route semantics on the in-memory table (see semantics.h).
-#include <arpa/inet.h>
-
 #include <memory>
 #include <sstream>
 
@@ -11,12 +9,6 @@
 namespace halproxy_semantics {
 namespace {
 
-std::uint32_t Ip(std::string const& text) {
-  in_addr a{};
-  inet_pton(AF_INET, text.c_str(), &a);
-  return ntohl(a.s_addr);
-}
-
 class cMemoryWorld : public IWorld {
  public:
   halproxy::IRouteBackend& Backend() override { return m_backend; }
@@ -25,10 +17,9 @@ class cMemoryWorld : public IWorld {
     std::string what, arg, dev;
     in >> what >> arg >> dev >> dev;
     if (what == "up" || what == "down") return m_backend.SetLink(arg, what == "up");
-    halproxy::cRoute r;
-    r.dst = Ip(arg.substr(0, arg.find('/')));
-    r.prefixLen = static_cast<std::uint8_t>(std::stoi(arg.substr(arg.find('/') + 1)));
-    r.ifname = dev;
+    halproxy::cRoute r =
+        Route(arg.substr(0, arg.find('/')).c_str(),
+              std::uint8_t(std::stoi(arg.substr(arg.find('/') + 1))), "0.0.0.0", dev.c_str());
     if (what == "foreign") return m_backend.AddForeign(r);
     m_backend.Lose([&](halproxy::cRoute const& x) { return SameKey(x, r); });
   }
@@ -43,12 +34,7 @@ TEST(MemorySemantics, RemovalsOfOneBatchActAsOneAfterTheOther) {
   halproxy::cMemoryBackend backend{{"veth0"}};
   halproxy::cRouteKeeper keeper(backend, 3);
   auto route = [](char const* net, std::uint32_t metric) {
-    halproxy::cRoute r;
-    r.dst = Ip(net);
-    r.prefixLen = 16;
-    r.gateway = Ip(kGw0);
-    r.metric = metric;
-    return r;
+    return Route(net, 16, kGw0, "", metric);
   };
   std::vector<halproxy::cResult> results;
   keeper.Configure({route("10.1.0.0", 0), route("10.1.0.0", 5), route("10.2.0.0", 0)}, results);

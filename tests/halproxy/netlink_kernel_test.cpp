@@ -2,7 +2,6 @@
 // the test's own with a veth pair, the backend's sockets opened in it, and
 // the table read back with `ip route`. Needs root (CI runs as root). The
 // program on the kernel is tested end to end (tests/e2e/netns_test.cpp).
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -20,11 +19,8 @@
 namespace halproxy_test {
 namespace {
 
-// Documentation ranges: nothing could reach another network from inside the namespace.
-char const* const kGw0 = "192.0.2.1";     // on veth0 (192.0.2.2/24)
-char const* const kGw1 = "198.51.100.1";  // on veth1 (198.51.100.2/24)
 namespace nl = halproxy::nl;
-using halproxy_semantics::Lines;
+using namespace halproxy_semantics;
 
 class NetlinkKernel : public ::testing::Test {
  public:
@@ -73,24 +69,6 @@ class NetlinkKernel : public ::testing::Test {
   }
   std::string const m_ns = "rmhal-" + std::to_string(getpid());
 };
-
-std::uint32_t Ip(char const* text) {
-  in_addr a{};
-  inet_pton(AF_INET, text, &a);
-  return ntohl(a.s_addr);
-}
-
-halproxy::cRoute Route(char const* net, std::uint8_t len, char const* gw, char const* dev = "",
-                       std::uint32_t metric = 0, char const* src = "0.0.0.0") {
-  halproxy::cRoute r;
-  r.dst = Ip(net);
-  r.prefixLen = len;
-  r.gateway = Ip(gw);
-  r.source = Ip(src);
-  r.ifname = dev;
-  r.metric = metric;
-  return r;
-}
 
 TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
   halproxy::cNetlinkBackend backend;
@@ -144,7 +122,7 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
 
 // The semantics table of the memory backend, on the kernel: each case in a
 // fresh namespace, the backend in this process with its sockets in there.
-class cKernelWorld : public halproxy_semantics::IWorld {
+class cKernelWorld : public IWorld {
  public:
   ~cKernelWorld() override { NetlinkKernel::Sh("ip netns del " + m_ns + " 2>/dev/null"); }
   bool Open() {
@@ -169,7 +147,7 @@ class cKernelWorld : public halproxy_semantics::IWorld {
 };
 
 TEST_F(NetlinkKernel, SemanticsTableOnTheKernel) {
-  halproxy_semantics::RunCases([] {
+  RunCases([] {
     auto world = std::make_unique<cKernelWorld>();
     if (!world->Open()) {
       ADD_FAILURE() << "cannot set up a namespace";

@@ -5,6 +5,7 @@
 // veth links hold the gateways 192.0.2.1 (veth0) and 198.51.100.1 (veth1).
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +25,21 @@ using hal::cHalRequest;
 using Lines = std::vector<std::string>;
 namespace halop = hal::halop;
 
+// Documentation ranges: nothing could reach another network from a test's namespace.
 char const* const kGw0 = "192.0.2.1";
 char const* const kGw1 = "198.51.100.1";
+
+inline std::uint32_t Ip(char const* text) {
+  in_addr a{};
+  inet_pton(AF_INET, text, &a);
+  return ntohl(a.s_addr);
+}
+// A route as the proxy hands it to a backend.
+inline halproxy::cRoute Route(char const* net, std::uint8_t len, char const* gw,
+                              char const* dev = "", std::uint32_t metric = 0,
+                              char const* src = "0.0.0.0") {
+  return {Ip(net), len, halproxy::eRouteType::kUnicast, Ip(gw), Ip(src), dev, metric};
+}
 
 // What other parties do to the table, as `ip` would say it.
 class IWorld {
