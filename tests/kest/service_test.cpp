@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <tuple>
 
 #include "kest/timer.h"
 #include "test_support.h"
@@ -62,19 +63,16 @@ class ServiceTest : public ::testing::Test {
 };
 
 TEST_F(ServiceTest, DispatchPicksTheFirstMatchingEntryAndPostsRunInOrder) {
-  struct Case {
-    char const* name;
-    int channel;
-    char const* handled;
-  };
-  Case const cases[] = {{"A", 0, "A"}, {"B", 1, "B/1"}, {"B", -1, "B/any"}, {"C", 1, "ignore C"}};
+  // The message, the channel it comes from (-1: none), the handler that takes it.
+  std::tuple<char const*, int, char const*> const cases[] = {
+      {"A", 0, "A"}, {"B", 1, "B/1"}, {"B", -1, "B/any"}, {"C", 1, "ignore C"}};
   cProbe sink;
   sink.Init("probe", 1);
-  for (auto const& c : cases) {
+  for (auto const& [name, channel, handled] : cases) {
     g_log.clear();
-    kest::cMsg msg(c.name, c.channel < 0 ? nullptr : Chan(c.channel));
+    kest::cMsg msg(name, channel < 0 ? nullptr : Chan(channel));
     sink.ProcessMsg(msg);
-    EXPECT_EQ(g_log, (Strings{std::string("pre ") + c.name, c.handled})) << c.name << c.channel;
+    EXPECT_EQ(g_log, (Strings{std::string("pre ") + name, handled})) << name << channel;
   }
   EXPECT_EQ(traces.Messages().back(), "probe: ignored message C");
 
@@ -93,18 +91,10 @@ TEST_F(ServiceTest, DispatchPicksTheFirstMatchingEntryAndPostsRunInOrder) {
 }
 
 TEST_F(ServiceTest, TimersFollowTheManualClock) {
-  // Period 100 ms; each step acts ('r'estart, 's'top, 'd'estroy), advances, counts deliveries.
-  struct Step {
-    char action;
-    std::uint64_t ms;
-    long ticks;
-  };
-  struct Case {
-    char const* name;
-    bool repeat;
-    std::vector<Step> steps;
-  };
-  Case const cases[] = {
+  // Period 100 ms. Each step: an action ('r'estart, 's'top, 'd'estroy, '-' none), the
+  // milliseconds the clock then advances, the deliveries that brings.
+  using Steps = std::vector<std::tuple<char, std::uint64_t, long>>;
+  std::tuple<char const*, bool, Steps> const cases[] = {
       {"one-shot", false, {{'-', 99, 0}, {'-', 1, 1}, {'-', 1000, 0}}},
       // Late delivery (at 103) must not shift the next periods: due at 200, 300.
       {"repeat without drift", true, {{'-', 103, 1}, {'-', 96, 0}, {'-', 1, 1}, {'-', 100, 1}}},
@@ -113,15 +103,15 @@ TEST_F(ServiceTest, TimersFollowTheManualClock) {
       {"destroyed", true, {{'d', 1000, 0}}},
   };
   cProbe service;
-  for (auto const& c : cases) {
-    auto timer = std::make_unique<kest::cTimer>(&service, c.repeat, nullptr);
+  for (auto const& [name, repeat, steps] : cases) {
+    auto timer = std::make_unique<kest::cTimer>(&service, repeat, nullptr);
     ASSERT_TRUE(timer->StartMs(100, "A"));
-    for (Step const& s : c.steps) {
-      if (s.action == 'r') timer->StartMs(100, "A");
-      if (s.action == 's') timer->Stop();
-      if (s.action == 'd') timer.reset();
-      Advance(s.ms);
-      EXPECT_EQ(std::count(g_log.begin(), g_log.end(), "A"), s.ticks) << c.name << " " << s.ms;
+    for (auto const& [action, ms, ticks] : steps) {
+      if (action == 'r') timer->StartMs(100, "A");
+      if (action == 's') timer->Stop();
+      if (action == 'd') timer.reset();
+      Advance(ms);
+      EXPECT_EQ(std::count(g_log.begin(), g_log.end(), "A"), ticks) << name << " " << ms;
     }
   }
 }

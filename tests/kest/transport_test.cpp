@@ -212,25 +212,23 @@ TEST_F(TransportTest, AClientThatCannotGetInBacksOffOneLineAnAttempt) {
   kest::cManualClock clock;
   kest::Loop().SetClock(&clock);
   std::string const refusing = Listen("127.0.0.1:0");
-  struct Case {
-    std::string ap, why;
-  } const cases[] = {
+  std::pair<std::string, std::string> const cases[] = {
       // A port that refuses once that listener is gone.
       {Listener().Ap(), "errno:111/Connection refused"},
       {refusing, refusing + " is the test service, not the other service"},
   };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.ap);
+  for (auto const& [ap, why] : cases) {
+    SCOPED_TRACE(ap);
     traces.Clear();
-    TestClient client(c.ap, nullptr, kOther);
+    TestClient client(ap, nullptr, kOther);
     ASSERT_TRUE(client.Start());
     std::size_t tries = 0;
     for (unsigned delay : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
       ASSERT_TRUE(PumpUntil([&] { return Traced(traces, "cannot connect to ") == tries + 1; }));
       std::string const last = traces.Messages().back();
       EXPECT_EQ(last.substr(last.find("cannot")),
-                kest::FormatString("cannot connect to %s (%s); retrying in %u ms", c.ap.c_str(),
-                                   c.why.c_str(), delay));
+                kest::FormatString("cannot connect to %s (%s); retrying in %u ms", ap.c_str(),
+                                   why.c_str(), delay));
       if (delay == 3200) {
         client.Stop();
         ASSERT_TRUE(client.Start());
@@ -280,28 +278,24 @@ TEST_F(TransportTest, NothingIsServedBeforeAHelloForThisService) {
   std::string const ap = Listen("127.0.0.1:0");
   Bytes wrongVersion;
   kest::EncodeFrame(kest::HelloFrame(1, kest::cServiceId{"test", "", 2}), wrongVersion);
-  struct Case {
-    Bytes first;
-    char const* reason;
-  } const cases[] = {
+  std::pair<Bytes, std::string> const cases[] = {
       {Wire(kest::cFrame::kRequest, 1, 9, "do it"),
        "the first frame (kind 1, op 9) is not a hello"},
       {Wire(kest::cFrame::kRequest, 1, 0, std::string(300, 'x')), "malformed hello: service: "},
       {wrongVersion, "protocol version 2 is not supported (only 1)"},
   };
-  for (auto const& c : cases) {
+  for (auto const& [first, reason] : cases) {
     RawClient peer(ap);
-    peer.Send(c.first);
+    peer.Send(first);
     peer.Send(Wire(kest::cFrame::kRequest, 2, 9, "and this"));
     kest::cGreeting g;
     std::string error;
     ASSERT_TRUE(peer.Receive(peer.frame));
     ASSERT_TRUE(kest::DecodeRefusal(peer.frame.body, g, error)) << error;
-    EXPECT_EQ(g.service + " " + g.reason.substr(0, std::strlen(c.reason)),
-              std::string("test ") + c.reason);
+    EXPECT_EQ(g.service + " " + g.reason.substr(0, reason.size()), "test " + reason);
     EXPECT_TRUE(peer.ClosedByServer());
     EXPECT_TRUE(
-        Traced(traces, "refusing connection from " + peer.Me() + " on " + ap + ": " + c.reason));
+        Traced(traces, "refusing connection from " + peer.Me() + " on " + ap + ": " + reason));
   }
   EXPECT_EQ(log, Strings{});  // the handler heard of none of them
 }

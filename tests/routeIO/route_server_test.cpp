@@ -209,25 +209,22 @@ TEST_F(RouteServerTest, AnAccessPointInUseIsTakenOnceItIsFree) {
 // Decoding itself is tested with the codec: one body it refuses stands for all.
 TEST_F(RouteServerTest, GarbageClosesTheClientWithATraceAndCloseIsDelivered) {
   ASSERT_TRUE(Open());
-  struct Case {
-    kesttest::Bytes bytes;
-    char const* trace;
-  } const cases[] = {
+  std::pair<kesttest::Bytes, char const*> const cases[] = {
       {kesttest::Wire(kest::cFrame::kRequest, 7, routeop::kDelRoute, ""),
        "malformed DelRoute body"},
       {kesttest::Wire(kest::cFrame::kEvent, 7, routeop::kDelRoute, ""), "instead of a request"},
   };
-  for (auto const& c : cases) {
-    SCOPED_TRACE(c.trace);
+  for (auto const& [bytes, trace] : cases) {
+    SCOPED_TRACE(trace);
     m_fake = cRecordingRouteServer();
     m_traces.Clear();
     kesttest::RawClient raw("unix:" + Path());
     ASSERT_EQ(raw.Greet(kService), "accepted");
-    raw.Send(c.bytes);
+    raw.Send(bytes);
     EXPECT_TRUE(raw.ClosedByServer());  // without an answer
     ASSERT_TRUE(PumpUntil([&] { return m_fake.closed == 1; }));
     EXPECT_EQ(m_fake.lines, (Lines{"Connected ch1", "Closed ch1"}));  // no command delivered
-    EXPECT_THAT(m_traces.Messages(), Has(c.trace));
+    EXPECT_THAT(m_traces.Messages(), Has(trace));
   }
 }
 
