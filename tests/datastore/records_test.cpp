@@ -101,46 +101,38 @@ TEST(Records, LayoutAndText) {
   for (auto const& [route, text] : routes) EXPECT_EQ(route.ToString(""), text);
 }
 
-// What a synchronisation received is in force only once it ends; a broken
-// record is refused and leaves the received copy as it was.
-TEST(WanRoutingCollection, ReceivedAndInForceAcrossSynchronisations) {
-  cDBWanRoutingCollection c("home");
-  c.BeginSync();
-  EXPECT_TRUE(c.ReceiveRecord(Route("b", "10.2.0.0", 2)) &&
-              c.ReceiveRecord(Route("a", "10.1.0.0", 1)));
-  EXPECT_TRUE(c.HasChanged() && c.RoutesInForce().empty());
-  c.EndSync();
-  EXPECT_EQ(c.RoutesInForce().size(), 2u);
-  c.BeginSync();  // the same content again is no change
-  EXPECT_TRUE(c.ReceiveRecord(Route("a", "10.1.0.0", 1)));
-  EXPECT_FALSE(c.HasChanged());
-  auto bad = Garbage();
-  EXPECT_FALSE(c.ReceiveItem("a", bad));
-  EXPECT_FALSE(c.HasChanged());
-  EXPECT_TRUE(c.ReceiveRecord(Route("a", "10.1.0.0", 3)));  // a changed selector
-  EXPECT_TRUE(c.HasChanged());
-  c.EndSync();
-  ASSERT_EQ(c.RoutesInForce().size(), 2u);
-  EXPECT_EQ(c.RoutesInForce().at("a").m_gatewaySelector.Get(), 3);
-}
-
-TEST(NetworkStatusCollection, WanSetupNamesAcrossSynchronisations) {
-  cDBNetworkStatusCollection c;
+// What a synchronisation received is in force only once it ends; the same
+// content again is no change; a broken record is refused and leaves the
+// received copy as it was; a removed one falls back to its defaults.
+TEST(Collections, ReceivedAndInForceAcrossSynchronisations) {
+  cDBWanRoutingCollection routing("home");
+  cDBNetworkStatusCollection status;
   cDBStatusWan wan;
   wan.m_wanSetupName.Set("home");
-  c.BeginSync();
-  EXPECT_TRUE(c.ReceiveRecord(wan));
-  EXPECT_EQ(c.ReceivedWanSetupName() + "|" + c.InForceWanSetupName(), "home|");
-  EXPECT_TRUE(c.HasChanged());
-  c.EndSync();
-  c.BeginSync();
-  auto bad = Garbage();
-  EXPECT_FALSE(c.ReceiveItem("WanStatus", bad));
-  EXPECT_EQ(c.ReceivedWanSetupName(), "home");
-  EXPECT_FALSE(c.HasChanged());
-  c.EndSync();
-  c.BeginSync();  // a removed record falls back to its defaults
-  c.RemoveItem("WanStatus");
-  c.EndSync();
-  EXPECT_EQ(c.InForceWanSetupName(), "");
+  routing.BeginSync();
+  status.BeginSync();
+  EXPECT_TRUE(routing.ReceiveRecord(Route("b", "10.2.0.0", 2)) &&
+              routing.ReceiveRecord(Route("a", "10.1.0.0", 1)) && status.ReceiveRecord(wan));
+  EXPECT_TRUE(routing.HasChanged() && routing.RoutesInForce().empty() && status.HasChanged());
+  EXPECT_EQ(status.ReceivedWanSetupName() + "|" + status.InForceWanSetupName(), "home|");
+  routing.EndSync();
+  status.EndSync();
+  EXPECT_EQ(routing.RoutesInForce().size(), 2u);
+  routing.BeginSync();
+  status.BeginSync();
+  EXPECT_TRUE(routing.ReceiveRecord(Route("a", "10.1.0.0", 1)));
+  auto bad = Garbage(), alsoBad = Garbage();
+  EXPECT_FALSE(routing.ReceiveItem("a", bad) || status.ReceiveItem("WanStatus", alsoBad));
+  EXPECT_FALSE(routing.HasChanged() || status.HasChanged());
+  EXPECT_EQ(status.ReceivedWanSetupName(), "home");
+  EXPECT_TRUE(routing.ReceiveRecord(Route("a", "10.1.0.0", 3)));  // a changed selector
+  EXPECT_TRUE(routing.HasChanged());
+  routing.EndSync();
+  status.EndSync();
+  ASSERT_EQ(routing.RoutesInForce().size(), 2u);
+  EXPECT_EQ(routing.RoutesInForce().at("a").m_gatewaySelector.Get(), 3);
+  status.BeginSync();
+  status.RemoveItem("WanStatus");
+  status.EndSync();
+  EXPECT_EQ(status.InForceWanSetupName(), "");
 }

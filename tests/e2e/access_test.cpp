@@ -1,6 +1,6 @@
-// Who may use which service: clients pointed at the wrong service are told so
-// and nothing is executed; with the packaged settings, a local user outside
-// the groups is refused by each service while a route client is served.
+// Who may use which service: with the packaged settings, a local user outside
+// the groups is refused by each service while a route client is served. (A
+// client of another service is refused by the transport, tests/kest.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,32 +11,6 @@
 
 namespace testsupport {
 namespace {
-
-TEST(E2eAccess, AClientOfOneServiceIsToldWhereItKnockedAndNothingRuns) {
-  cStack stack;
-  ASSERT_TRUE(stack.Start());
-  ASSERT_TRUE(stack.WaitTable({kMgmtRoute}));  // the configuration is in
-  std::vector<std::string> const before = stack.HalTable();
-  std::string const hal = stack.halSap, data = stack.dataSap, route = stack.routeSap;
-  struct Case {
-    cToolRun run;
-    std::string said;
-  } const cases[] = {
-      {stack.Routectl({"--server", hal, "gateway", "set", "w", "10.1.1.1", "type", "default"}),
-       hal + " is the HAL proxy, not the route manager"},
-      {stack.Routectl({"--server", data, "gateway", "set", "w", "10.1.1.1", "type", "default"}),
-       data + " is the data manager, not the route manager"},
-      {stack.Routectl({"--hal", route, "--hal-table"}),
-       route + " is the route manager, not the HAL proxy"},
-  };
-  for (auto const& c : cases) {
-    EXPECT_EQ(c.run.status, 1) << c.said;
-    EXPECT_NE(c.run.err.find(c.said), std::string::npos) << c.run.err;
-  }
-  EXPECT_EQ(stack.HalTable(), before);
-  EXPECT_TRUE(stack.hal->Logged("refusing connection from 127.0.0.1:"));
-  EXPECT_TRUE(stack.hal->Logged(": this is halProx, not routeMgr"));
-}
 
 // The three services with the packaged files' settings, in a directory of
 // the test's instead of the runtime directory and with numbers for the

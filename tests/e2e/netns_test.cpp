@@ -56,13 +56,6 @@ TEST(E2eKernel, RoutesLandInARealKernelTable) {
   EXPECT_EQ(r.out, "ok\nok\n") << r.err;
   EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1"));
   EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0"));
-  // Routes lost behind the daemon's back, deleted by hand or with their
-  // link, come back at once, not with the next refresh.
-  Shell("ip -n " + ns.router + " route del default");
-  EXPECT_TRUE(ns.Wait("default via 192.168.1.254 dev eth1", 1000));
-  Shell("ip -n " + ns.router + " link set wwan0 down; ip -n " + ns.router + " link set wwan0 up");
-  EXPECT_TRUE(ns.Wait("172.16.0.0/12 via 10.64.0.1 dev wwan0", 1000));
-  EXPECT_TRUE(stack.hal->WaitForLog("restored 172.16.0.0/12 via 10.64.0.1 dev wwan0"));
 
   // A custom route for the prefix of a connected route is refused, and the
   // connected route stays.

@@ -9,12 +9,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <set>
+#include <algorithm>
 #include <sstream>
 #include <thread>
-
-#include "hal/hal_client.h"
-#include "kest/service.h"
 
 namespace testsupport {
 namespace {
@@ -105,11 +102,22 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   client->Stop();
   EXPECT_TRUE(stack.WaitTable({}, {kClientRoute}));
 
+  // More routes than one answer of the HAL proxy lists (a 64 KiB frame takes
+  // about 1,640 of these lines): its table comes in pieces, to the tools too.
+  std::string batch;
+  for (int i = 0; i < 2000; ++i)
+    batch += "route set b" + std::to_string(i) + " 10.21." + std::to_string(i / 250) + "." +
+             std::to_string(i % 250) + "/32 via 192.168.1.1 metric 3\n";
+  client = stack.SpawnRoutectl(batch);
+  EXPECT_TRUE(stack.WaitTable({"10.21.7.249/32 via 192.168.1.1 metric 3"})) << client->Log();
+  std::vector<std::string> table = stack.HalTable();
+  EXPECT_GT(table.size(), 2000u);
+  r = stack.Routectl({"--hal", stack.halSap, "--hal-table", "-j"});
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), std::ptrdiff_t(table.size())) << r.err;
+  EXPECT_NE(r.out.find(R"({"dst":"10.21.7.249/32","via":"192.168.1.1","metric":3,"route":)"),
+            std::string::npos);
   // A proxy that goes away and comes back: routemgr requests everything
   // again and route clients notice nothing.
-  client = stack.SpawnRoutectl("route set b 10.21.0.9/16 via 192.168.1.1 metric 3\n");
-  EXPECT_TRUE(stack.WaitTable({"10.21.0.0/16 via 192.168.1.1 metric 3"})) << client->Log();
-  std::vector<std::string> table = stack.HalTable();
   stack.hal->Stop();
   ASSERT_TRUE(stack.StartHal());
   EXPECT_TRUE(stack.hal->WaitForLog("ConfigureIPGateway")) << "routemgr did not come back";
@@ -117,21 +125,21 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
 
   // Dumps stay whole while a route client sets and deletes routes as fast as
   // routemgr answers, now and then announcing a gateway too.
-  std::ostringstream batch;
+  std::ostringstream load;
   for (int n = 0; n < 12000; ++n) {
     std::string const tag = std::to_string(n % 150);
-    batch << ((n / 150) % 2 ? "route del t" + tag
-                            : "route set t" + tag + " 10.40." + tag + ".0/24 via 192.168.1.1")
-          << "\n";
-    if (n % 500 == 0) batch << "gateway set g 192.168.1." << n % 250 + 1 << "\n";
+    load << ((n / 150) % 2 ? "route del t" + tag
+                           : "route set t" + tag + " 10.40." + tag + ".0/24 via 192.168.1.1")
+         << "\n";
+    if (n % 500 == 0) load << "gateway set g 192.168.1." << n % 250 + 1 << "\n";
   }
-  auto load = stack.SpawnRoutectl(batch.str(), false);
+  auto loader = stack.SpawnRoutectl(load.str(), false);
   int dumps = 0, underLoad = 0;
-  for (; load->Running() || dumps < 3; ++dumps) {
-    underLoad += load->Running();
+  for (; loader->Running() || dumps < 3; ++dumps) {
+    underLoad += loader->Running();
     ASSERT_NE(FreshDump(stack), "") << "no whole dump under load (dump " << dumps << ")";
   }
-  EXPECT_EQ(load->Status(), 0) << load->Log().substr(0, 400);
+  EXPECT_EQ(loader->Status(), 0) << loader->Log().substr(0, 400);
   EXPECT_GT(underLoad, 0) << "the load was over before the first dump";
 
   // What routemgr installed stays when it ends; a client holding routes
@@ -142,31 +150,6 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   EXPECT_TRUE(client->WaitExit());
   EXPECT_EQ(client->Status(), 1);
   EXPECT_NE(client->Log().find("the route manager closed the connection"), std::string::npos);
-}
-
-// More routes than two answers of the HAL proxy hold (a 64 KiB frame takes
-// at most about 1,640 of these lines): routectl gets them all, in pieces,
-// and prints each as a JSON object.
-TEST(E2eStack, RoutectlListsAHalTableInPiecesAsJson) {
-  cStack stack;
-  ASSERT_TRUE(stack.StartHal());
-  kest::cService service;
-  hal::cHalClient client(&service, nullptr, 5000, stack.halSap);
-  client.Start();
-  ASSERT_TRUE(PumpUntil([&] { return client.IsConnected(); }));
-  std::multiset<std::string> want, got;
-  for (int i = 0; i < 4000; ++i) {
-    std::string const net = "10." + std::to_string(i / 256) + "." + std::to_string(i % 256) + ".0";
-    ASSERT_EQ(
-        0, client.ConfigureIPGateway(net, "255.255.255.0", "192.168.1.1", "0.0.0.0", "", 7, true));
-    want.insert(R"({"dst":")" + net + R"(/24","via":"192.168.1.1","metric":7,"route":")" + net +
-                R"(/24 via 192.168.1.1 metric 7"})");
-  }
-  cToolRun const run = stack.Routectl({"--hal", stack.halSap, "--hal-table", "-j"});
-  ASSERT_EQ(run.status, 0) << run.err;
-  std::istringstream lines(run.out);
-  for (std::string line; std::getline(lines, line);) got.insert(line);
-  EXPECT_TRUE(got == want) << got.size() << " lines; " << (got.empty() ? "" : *got.begin());
 }
 
 }  // namespace

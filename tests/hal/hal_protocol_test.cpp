@@ -52,11 +52,7 @@ TEST(HalProtocol, RequestsRoundTripAndCutOrPaddedBodiesAreRefused) {
     EXPECT_FALSE(Decodes(req.op, bytes, bytes.size(), back, error));
     EXPECT_NE(error.find("left over"), std::string::npos) << error;
   }
-}
-
-// A peer's text must not forge a log line.
-TEST(HalProtocol, DescribedRequestsAreOneLine) {
-  cHalRequest hostile = Samples()[3];
+  cHalRequest hostile = Samples()[3];  // a peer's text must not forge a log line
   hostile.gateway = "1.2.3.4\nFAKE";
   EXPECT_EQ("RemoveIPDefaultGateway 1.2.3.4?FAKE", Describe(hostile));
 }
@@ -82,7 +78,7 @@ TEST(HalProtocol, AnswersRoundTripAndBrokenOnesAreRefused) {
   EXPECT_FALSE(DecodeRouteList(lying, back, error));
   EXPECT_NE(error.find("count"), std::string::npos) << error;
   // A proxy that keeps announcing more is not waited for. Tables listed in
-  // pieces: routectl's twenty thousand routes, end to end.
+  // pieces are run end to end.
   std::vector<std::string> collected;
   EXPECT_FALSE(CollectRoutePiece(cRouteList{0, {}, true}, collected, error));
   EXPECT_EQ(error, "more routes announced and none sent");
