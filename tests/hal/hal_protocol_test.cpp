@@ -57,15 +57,9 @@ TEST(HalProtocol, RequestsRoundTripAndCutOrPaddedBodiesAreRefused) {
   EXPECT_EQ("RemoveIPDefaultGateway 1.2.3.4?FAKE", Describe(hostile));
 }
 
-TEST(HalProtocol, AnswersRoundTripAndBrokenOnesAreRefused) {
+// A plain result makes the trip with every request to the real proxy (tests/halproxy).
+TEST(HalProtocol, RouteListsRoundTripAndBrokenOnesAreRefused) {
   std::string error;
-  for (int rc : {0, -19, -2147483647 - 1}) {
-    kest::cSerializeBuffer body;
-    EncodeResult(rc, body);
-    int back = 1;
-    ASSERT_TRUE(DecodeResult(body, back, error)) << error;
-    EXPECT_EQ(rc, back);
-  }
   cRouteList list{-5, {"default via 10.0.0.1 metric 5", ""}, true}, back;
   kest::cSerializeBuffer body;
   ASSERT_TRUE(EncodeRouteList(list, body));

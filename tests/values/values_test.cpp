@@ -38,8 +38,7 @@ TEST(Values, LittleEndianImagesThatReadBack) {
   EXPECT_EQ(Image(kest::s_socket_addr("10.0.0.1", 80)), (Bytes{1, 1, 0, 0, 10, 80, 0}));
 }
 
-// Short buffers are refused with the records made of these values (tests/datastore), a string
-// too long to send with the route service's commands (tests/routeIO).
+// Short buffers are refused with the records made of them, over-long strings on sending (routeIO).
 TEST(Values, RefuseWrongVersionsAndOversizedStringsUnchanged) {
   kest::s_uint32 u(7);
   kest::s_bool b(true);
