@@ -111,6 +111,7 @@ TEST(E2eStack, RouteClientsConfigurationDumpsRestartsAndTheInitSystem) {
   EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), std::ptrdiff_t(table.size())) << r.err;
   EXPECT_NE(r.out.find(R"({"dst":"10.21.7.249/32","via":"192.168.1.1","metric":3,"route":)"),
             std::string::npos);
+
   // A proxy that goes away and comes back: routemgr requests everything
   // again and route clients notice nothing.
   stack.hal->Stop();
