@@ -23,13 +23,10 @@ class cCountingService : public kest::cService {
   int connects = 0;
 };
 
-class cNoCallbacks : public IHalClient {};
-
 TEST(HalClient, FailureCodesAndOnConnectAtEveryConnection) {
   kesttest::Listener listener;
   cCountingService service;
-  cNoCallbacks callbacks;
-  cHalClient client(&service, &callbacks, 300, listener.Ap());
+  cHalClient client(&service, nullptr, 300, listener.Ap());
   std::vector<std::string> lines;
   EXPECT_EQ("-1001 (not connected)", halerr::Describe(client.RemoveIPDefaultGateway("1.2.3.4")));
   EXPECT_EQ(halerr::kNotConnected, client.ListRoutes(lines));

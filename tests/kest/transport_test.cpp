@@ -3,9 +3,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <cstring>
 #include <memory>
 
+#include "kest/call_once.h"
 #include "kest/hello.h"
 #include "kest/message.h"
 #include "kest/server.h"
@@ -204,6 +204,12 @@ TEST_F(TransportTest, RequestNotConnectedAnsweredLostOrTimedOut) {
     EXPECT_EQ(client.IsConnected(), c.rc == 0);
     EXPECT_TRUE(Traced(traces, c.trace));
   }
+  // A one-shot call (routectl's, datactl's) to a peer that never answers ends at its deadline.
+  Listener silent;
+  kest::cSerializeBuffer body, reply;
+  std::string error;
+  EXPECT_FALSE(kest::CallOnce(silent.Ap(), kSelf, 50, 9, body, reply, error));
+  EXPECT_EQ(error, "no reply from " + silent.Ap() + ": timed out");
 }
 
 // Nobody listening or refused by another service: the client backs off to its maximum, one line an
