@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <tuple>
 
 #include "config_json.h"
 #include "datactl_cli.h"
@@ -91,10 +92,8 @@ TEST(Datactl, CommandLinesAndPrefixes) {
   ctl::cRequest req;
   ASSERT_TRUE(ParseDatactlCommand({"route-set", "dsl", "k", "10.9.0.0/16", "via", "192.168.1.1"},
                                   req, error));
-  EXPECT_EQ(req.network, 0x0A090000u);
-  EXPECT_EQ(req.netmask, 0xFFFF0000u);
-  EXPECT_EQ(req.selector, 4);
-  EXPECT_EQ(req.gateway, 0xC0A80101u);
+  EXPECT_EQ(std::make_tuple(req.network, req.netmask, int(req.selector), req.gateway),
+            std::make_tuple(0x0A090000u, 0xFFFF0000u, 4, 0xC0A80101u));  // selector 4: own
 }
 
 }  // namespace

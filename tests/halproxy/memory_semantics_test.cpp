@@ -43,9 +43,7 @@ TEST(MemorySemantics, RemovalsOfOneBatchActAsOneAfterTheOther) {
   keeper.RemoveMany(
       {route("10.1.0.0", 0), route("10.3.0.0", 0), route("10.1.0.0", 0), route("10.9.0.0", 0)},
       results);
-  std::vector<int> codes;
-  for (auto const& r : results) codes.push_back(r.code);
-  EXPECT_EQ((std::vector<int>{0, halproxy::kNotOurs, 0, 0}), codes);
+  EXPECT_EQ((std::vector<int>{0, halproxy::kNotOurs, 0, 0}), Codes(results));
   Lines lines;
   ASSERT_EQ(0, keeper.ListOurs(lines).code);
   EXPECT_EQ((Lines{"10.2.0.0/16 via 192.0.2.1 metric 0"}), lines);

@@ -98,10 +98,8 @@ TEST(NetlinkCodec, StaleAnswersAreSkippedAndACutDatagramIsReported) {
   std::string malformed;
   ASSERT_TRUE(nl::ParseAcks(bytes, sizeof batch, 0xFFFFFFFEu, 4, got, malformed)) << malformed;
   ASSERT_EQ(2u, got.size());
-  EXPECT_EQ(0xFFFFFFFFu, got[0].seq);
-  EXPECT_EQ(-ENETUNREACH, got[0].error);
-  EXPECT_EQ(1u, got[1].seq);
-  EXPECT_EQ(0, got[1].error);
+  EXPECT_EQ(std::make_pair(0xFFFFFFFFu, -ENETUNREACH), std::make_pair(got[0].seq, got[0].error));
+  EXPECT_EQ(std::make_pair(1u, 0), std::make_pair(got[1].seq, got[1].error));
   got.clear();
   EXPECT_FALSE(nl::ParseAcks(bytes, sizeof batch - 4, 0xFFFFFFFEu, 4, got, malformed));
   EXPECT_EQ("message length 36 does not fit", malformed);

@@ -80,13 +80,8 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
       Route("10.3.0.0", 16, kGw0, "eth9"), Route("10.4.0.0", 16, "203.0.113.1"),
       Route("10.5.0.0", 16, kGw0, "veth0")};
   std::vector<halproxy::cResult> results;
-  auto const codes = [&results] {
-    std::vector<int> out;
-    for (auto const& r : results) out.push_back(r.code);
-    return out;
-  };
   backend.InstallMany(routes, halproxy::IRouteBackend::eInstall::kReplace, results);
-  EXPECT_EQ((std::vector<int>{0, 0, -ENODEV, -ENETUNREACH, 0}), codes());
+  EXPECT_EQ((std::vector<int>{0, 0, -ENODEV, -ENETUNREACH, 0}), Codes(results));
   ASSERT_EQ(5u, results.size());
   EXPECT_EQ("no interface 'eth9'", results[2].detail);
   EXPECT_NE("", results[3].detail);  // the kernel's own reason
@@ -107,14 +102,14 @@ TEST_F(NetlinkKernel, ABatchAnswersEveryRouteAsItsOwnRequestWould) {
   ASSERT_EQ(routes.size(), results.size());
   std::vector<int> expected(routes.size(), -ENETUNREACH);
   expected.back() = 0;
-  EXPECT_EQ(expected, codes());
+  EXPECT_EQ(expected, Codes(results));
   EXPECT_EQ(4u, Table().size());
 
   // Removals go in one exchange too; one that finds nothing has nothing to do.
   backend.RemoveMany(
       {Route("10.1.0.0", 16, kGw0), Route("10.9.0.0", 16, kGw0), Route("10.5.0.0", 16, kGw0)},
       results);
-  EXPECT_EQ((std::vector<int>{0, 0, 0}), codes());
+  EXPECT_EQ((std::vector<int>{0, 0, 0}), Codes(results));
   EXPECT_EQ((Lines{"10.2.0.0/16 via 198.51.100.1 dev veth1 metric 7",
                    "10.6.0.0/16 via 198.51.100.1 dev veth1"}),
             Table());
