@@ -90,10 +90,8 @@ TEST_F(HalBatchTest, BatchedPassesAskAndTraceAsTheCallsOneByOne) {
   EXPECT_EQ(fake.traces.back(), "Error Setting Route :-1001");
 
   testsupport::cStack stack;
-  stack.halArgs.push_back("--interfaces=eth1");
-  // Fault injection is a test operation, off unless switched on where it can be.
-  if (testsupport::Shell(HALPROXY_BIN " --help").find("--enable-test-ops") != std::string::npos)
-    stack.halArgs.push_back("--enable-test-ops");
+  // Fault injection is a test operation, off unless switched on.
+  stack.halArgs.insert(stack.halArgs.end(), {"--interfaces=eth1", "--enable-test-ops"});
   ASSERT_TRUE(stack.StartHal());
   kest::cService service;
   hal::cHalClient tester(&service, nullptr, 3000, stack.halSap);
